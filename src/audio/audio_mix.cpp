@@ -1,0 +1,125 @@
+#include "audio.h"
+
+#include "frame/error.h"
+#include "frame/graph.h"
+
+#include <cstring>
+
+using frame::ClearError;
+using frame::ErrorCode;
+using frame::Fail;
+using frame::FailWithoutFlag;
+
+bool CAVFilter_Audio::AVFilter_Audio_MIXInit(unsigned long long* phHandle, AVFILTER_AUDIO_INFO*** pppInfo,
+                                             int nInputCount, const char* szOutName,
+                                             const char* szFilterDescr)
+{
+    ClearError();
+    if (nInputCount < 1) {
+        return Fail(AVFILTER_ERROR_AUDIO_INVALID_PARAM);
+    }
+    AVFILTER_AUDIOFILTER record{};
+    record.pSt_FilterGraph = frame::NewGraph();
+    if (record.pSt_FilterGraph == nullptr) {
+        // Deliberately not the allocation code.
+        return Fail(AVFILTER_ERROR_AUDIO_INVALID_PARAM);
+    }
+    ErrorCode code = frame::BuildMix(frame::kAudio, record.pSt_FilterGraph, record.vec_AudioInfo,
+                                     &AVFILTER_AUDIOINFO::st_AudioInfo, pppInfo, nInputCount, szOutName,
+                                     szFilterDescr, &record.pSt_BufferSinkCtx, &record.pSt_MixInputs);
+    if (code == frame::kNoError && phHandle == nullptr) {
+        code = AVFILTER_ERROR_AUDIO_INVALID_PARAM;
+    }
+    if (code != frame::kNoError) {
+        // Where FFmpeg refuses the graph or has no memory for the sink's entry, what was built
+        // deliberately stays allocated. Null arguments and a null entry of an input leave nothing.
+        const bool bInputEntry = code == AVFILTER_ERROR_AUDIO_ALLOC && record.pSt_BufferSinkCtx == nullptr;
+        if (code == AVFILTER_ERROR_AUDIO_INVALID_PARAM || bInputEntry) {
+            frame::FreeMixEntries(record.vec_AudioInfo, &record.pSt_MixInputs);
+            avfilter_graph_free(&record.pSt_FilterGraph);
+        }
+        return Fail(code);
+    }
+    frame::Register(m_WriterGate, m_Mutex, m_mapAudioFilter, phHandle, record);
+    return true;
+}
+
+bool CAVFilter_Audio::AVFilter_Audio_MIXSend(unsigned long long hHandle, int nInputId, unsigned char* pData,
+                                             int nDataSize)
+{
+    ClearError();
+    if (pData == nullptr) {
+        return Fail(AVFILTER_ERROR_AUDIO_INVALID_PARAM);
+    }
+    const std::shared_lock lock(m_Mutex);
+    AVFILTER_AUDIOFILTER* pRecord = frame::Find(m_mapAudioFilter, hHandle);
+    if (pRecord == nullptr) {
+        return Fail(AVFILTER_ERROR_AUDIO_NOT_FOUND);
+    }
+    const AVFILTER_AUDIOINFO* pInput =
+        frame::FindInput(pRecord->vec_AudioInfo, &AVFILTER_AUDIOINFO::st_AudioInfo, nInputId);
+    if (pInput == nullptr) {
+        return FailWithoutFlag(AVFILTER_ERROR_AUDIO_NOT_FOUND);
+    }
+
+    frame::UniqueFrame frame(av_frame_alloc());
+    if (!frame) {
+        return FailWithoutFlag(AVFILTER_ERROR_AUDIO_FRAME_BUFFER);
+    }
+    DescribeAudioFrame(*frame, pInput->st_AudioInfo);
+    if (av_frame_get_buffer(frame.get(), 1) < 0) {
+        // The frame is deliberately kept on this path.
+        static_cast<void>(frame.release());
+        return FailWithoutFlag(AVFILTER_ERROR_AUDIO_FRAME_BUFFER);
+    }
+    // A shorter block is let through, with the rest of the buffer as it came.
+    if (nDataSize < 0 || !frame::InBounds(*frame, frame->data[0], static_cast<std::size_t>(nDataSize))) {
+        return Fail(AVFILTER_ERROR_AUDIO_INVALID_PARAM);
+    }
+    std::memcpy(frame->data[0], pData, static_cast<std::size_t>(nDataSize));
+
+    // The only element of a single-stream handle has no source of its own.
+    if (pInput->pSt_BufferSrcCtx == nullptr ||
+        av_buffersrc_add_frame(pInput->pSt_BufferSrcCtx, frame.get()) < 0) {
+        return Fail(AVFILTER_ERROR_AUDIO_SEND_FRAME);
+    }
+    return true;
+}
+
+bool CAVFilter_Audio::AVFilter_Audio_MIXRecv(unsigned long long hHandle, unsigned char* pOutBuffer,
+                                             int* pnOutSize)
+{
+    ClearError();
+    if (pOutBuffer == nullptr || pnOutSize == nullptr) {
+        return Fail(AVFILTER_ERROR_AUDIO_INVALID_PARAM);
+    }
+    const std::shared_lock lock(m_Mutex);
+    AVFILTER_AUDIOFILTER* pRecord = frame::Find(m_mapAudioFilter, hHandle);
+    if (pRecord == nullptr) {
+        return Fail(AVFILTER_ERROR_AUDIO_NOT_FOUND);
+    }
+    const frame::UniqueFrame frame(av_frame_alloc());
+    if (!frame) {
+        return Fail(AVFILTER_ERROR_AUDIO_FRAME_BUFFER);
+    }
+    if (av_buffersink_get_frame(pRecord->pSt_BufferSinkCtx, frame.get()) < 0) {
+        return Fail(AVFILTER_ERROR_AUDIO_RECEIVE_FRAME);
+    }
+
+    // The size counts all planes while the samples are taken from plane 0 alone: packed output is
+    // whole, planar output of several channels is refused where it would be read past its end.
+    const int nSize = av_samples_get_buffer_size(nullptr, frame->ch_layout.nb_channels, frame->nb_samples,
+                                                 static_cast<AVSampleFormat>(frame->format), 1);
+    if (nSize < 0 || !frame::InBounds(*frame, frame->data[0], static_cast<std::size_t>(nSize))) {
+        return Fail(AVFILTER_ERROR_AUDIO_RECEIVE_FRAME);
+    }
+    *pnOutSize = nSize;
+    std::memcpy(pOutBuffer, frame->data[0], static_cast<std::size_t>(nSize));
+    return true;
+}
+
+bool CAVFilter_Audio::AVFilter_Audio_MIXDestroy(unsigned long long hHandle)
+{
+    ClearError();
+    return AVFilter_Audio_Destroy(hHandle);
+}
