@@ -1,0 +1,121 @@
+#include "picture.h"
+
+#include "frame/graph.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace video
+{
+
+namespace
+{
+
+struct PlaneView {
+    const std::uint8_t* pData;
+    std::ptrdiff_t nStride; // negative in frames that hold the picture upside down
+    int nWidth;             // bytes
+    int nRows;
+};
+
+bool IsEmpty(const PlaneView& plane)
+{
+    return plane.nWidth <= 0 || plane.nRows <= 0;
+}
+
+// Whether all rows are there to be read.
+bool IsReadable(const AVFrame& st_Frame, const PlaneView& plane)
+{
+    if (IsEmpty(plane)) {
+        return true;
+    }
+    if (plane.pData == nullptr) {
+        return false;
+    }
+    const std::ptrdiff_t nLastRow = (plane.nRows - 1) * plane.nStride;
+    const std::uint8_t* pLowest = plane.nStride < 0 ? plane.pData + nLastRow : plane.pData;
+    return frame::InBounds(st_Frame, pLowest, static_cast<std::size_t>(std::abs(nLastRow) + plane.nWidth));
+}
+
+unsigned char* PackPlane(const PlaneView& plane, unsigned char* pOut)
+{
+    if (IsEmpty(plane)) {
+        return pOut;
+    }
+    const auto nWidth = static_cast<std::size_t>(plane.nWidth);
+    const auto nRows = static_cast<std::size_t>(plane.nRows);
+    if (plane.nStride == plane.nWidth) {
+        std::memcpy(pOut, plane.pData, nWidth * nRows);
+        return pOut + nWidth * nRows;
+    }
+    const std::uint8_t* pRow = plane.pData;
+    for (std::size_t row = 0; row < nRows; ++row, pRow += plane.nStride, pOut += nWidth) {
+        std::memcpy(pOut, pRow, nWidth);
+    }
+    return pOut;
+}
+
+} // namespace
+
+void PointAtWhole(AVFrame& st_Frame, unsigned char* pPicture)
+{
+    const std::ptrdiff_t nSize =
+        static_cast<std::ptrdiff_t>(st_Frame.width) * static_cast<std::ptrdiff_t>(st_Frame.height);
+    st_Frame.data[0] = pPicture;
+    st_Frame.data[1] = pPicture + nSize;
+    st_Frame.data[2] = pPicture + (nSize * 5) / 4;
+}
+
+frame::ErrorCode CopyPlanes(AVFrame& st_Frame, const InputPicture& st_Picture, const Block& block)
+{
+    for (int i = 0; i < 3; ++i) {
+        const std::uint8_t* pPlane = st_Frame.data[i];
+        if (st_Picture.nSize[i] < 0) {
+            return AVFILTER_ERROR_VIDEO_INVALID_PARAM;
+        }
+        if (st_Picture.nSize[i] == 0) {
+            continue;
+        }
+        if (pPlane == nullptr) {
+            // Without plane 0 there was no memory for the picture; without another one the format
+            // has no such plane.
+            return st_Frame.data[0] == nullptr ? AVFILTER_ERROR_VIDEO_ALLOC
+                                               : AVFILTER_ERROR_VIDEO_INVALID_PARAM;
+        }
+        const auto nSize = static_cast<std::size_t>(st_Picture.nSize[i]);
+        const bool bInBlock =
+            block.pStart != nullptr && pPlane >= block.pStart && pPlane <= block.pStart + block.nSize;
+        if (bInBlock && nSize > static_cast<std::size_t>(block.pStart + block.nSize - pPlane)) {
+            return AVFILTER_ERROR_VIDEO_INVALID_PARAM;
+        }
+    }
+    for (int i = 0; i < 3; ++i) {
+        if (st_Picture.nSize[i] > 0) {
+            std::memcpy(st_Frame.data[i], st_Picture.pPlane[i],
+                        static_cast<std::size_t>(st_Picture.nSize[i]));
+        }
+    }
+    return frame::kNoError;
+}
+
+int PackPicture(const AVFrame& st_Frame, unsigned char* pOut)
+{
+    // An odd size deliberately loses the last chroma column or row.
+    const int nChromaWidth = st_Frame.width / 2;
+    const int nChromaRows = st_Frame.height / 2;
+    const PlaneView planes[3] = {{st_Frame.data[0], st_Frame.linesize[0], st_Frame.width, st_Frame.height},
+                                 {st_Frame.data[1], st_Frame.linesize[1], nChromaWidth, nChromaRows},
+                                 {st_Frame.data[2], st_Frame.linesize[2], nChromaWidth, nChromaRows}};
+    for (const PlaneView& plane : planes) {
+        if (!IsReadable(st_Frame, plane)) {
+            return -1;
+        }
+    }
+    unsigned char* pEnd = pOut;
+    for (const PlaneView& plane : planes) {
+        pEnd = PackPlane(plane, pEnd);
+    }
+    return static_cast<int>(pEnd - pOut);
+}
+
+} // namespace video

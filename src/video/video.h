@@ -1,0 +1,67 @@
+// Video filter graphs: single-stream and mixing handles, each kind in a map of its own.
+#pragma once
+
+#include "frame/ffmpeg.h"
+#include "frame/registry.h"
+
+#include "Telvane_AVFilter.h"
+
+#include <cstdint>
+#include <vector>
+
+// A single-stream graph. Like the other records it owns its FFmpeg objects through plain pointers
+// and frees none of them itself.
+struct AVCODEC_VIDEOINFO {
+    AVFilterInOut* pSt_Outputs;
+    AVFilterInOut* pSt_Inputs;
+    AVFilterGraph* pSt_FilterGraph;
+    AVFilterContext* pSt_BufferSrcCtx;
+    AVFilterContext* pSt_BufferSinkCtx;
+    AVFrame* pSt_InFrame;
+    AVFrame* pSt_OutFrame;
+    std::uint8_t* pu8_InBuffer;
+    std::uint8_t* pu8_OutBuffer;
+};
+
+// One input of a mix.
+struct AVCODEC_VIDEOFILTE {
+    AVFILTER_VIDEO_INFO st_VideoInfo;
+    int n_Pts; // the timestamp that the next accepted picture gets
+    AVFilterInOut* pSt_Outputs;
+    AVFilterContext* pSt_BufferSrcCtx;
+};
+
+struct AVCODEC_VIDEOMIXFILTER {
+    AVFilterGraph* pSt_FilterGraph;
+    AVFilterContext* pSt_BufferSinkCtx;
+    AVFilterInOut* pSt_Inputs;
+    std::vector<AVCODEC_VIDEOFILTE> vec_Filters;
+    // A picture that was taken out of the sink for a call which had nowhere to put it.
+    AVFrame* pSt_Pending;
+};
+
+class CAVFilter_Video
+{
+  public:
+    CAVFilter_Video() noexcept { frame::PreferWriters(m_Mutex); }
+
+    bool AVFilter_Video_Init(unsigned long long* phHandle, const char* szFilterDescr,
+                             AVFILTER_VIDEO_INFO* pInfo);
+    bool AVFilter_Video_Cvt(unsigned long long hHandle, unsigned char* pY, unsigned char* pU,
+                            unsigned char* pV, int nYSize, int nUSize, int nVSize, unsigned char* pOut,
+                            int* pnOutLen);
+    bool AVFilter_Video_Destroy(unsigned long long hHandle);
+
+    bool AVFilter_Video_MIXInit(unsigned long long* phHandle, AVFILTER_VIDEO_INFO*** pppInfo,
+                                int nInputCount, const char* szOutName, const char* szFilterDescr);
+    bool AVFilter_Video_MIXSend(unsigned long long hHandle, int nInputId, unsigned char* pY,
+                                unsigned char* pU, unsigned char* pV, int nYSize, int nUSize, int nVSize);
+    bool AVFilter_Video_MIXRecv(unsigned long long hHandle, unsigned char* pOutBuffer, int* pnOutSize);
+    bool AVFilter_Video_MIXDestroy(unsigned long long hHandle);
+
+  private:
+    std::shared_mutex m_Mutex;
+    frame::HandleMap<AVCODEC_VIDEOMIXFILTER> m_mapVideoMixFilter;
+    frame::HandleMap<AVCODEC_VIDEOINFO> m_mapVideoFilter;
+    frame::WriterGate m_WriterGate;
+};

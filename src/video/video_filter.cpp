@@ -1,0 +1,146 @@
+#include "video.h"
+
+#include "picture.h"
+
+#include "frame/error.h"
+#include "frame/graph.h"
+
+using frame::ClearError;
+using frame::ErrorCode;
+using frame::Fail;
+
+namespace
+{
+
+// Frees what a record owns. The graph takes its filters with it.
+void Release(AVCODEC_VIDEOINFO& record)
+{
+    avfilter_inout_free(&record.pSt_Outputs);
+    avfilter_inout_free(&record.pSt_Inputs);
+    avfilter_graph_free(&record.pSt_FilterGraph);
+    av_frame_free(&record.pSt_InFrame);
+    av_frame_free(&record.pSt_OutFrame);
+    av_freep(&record.pu8_InBuffer);
+    av_freep(&record.pu8_OutBuffer);
+}
+
+struct ReleaseRecord {
+    void operator()(AVCODEC_VIDEOINFO* pRecord) const { Release(*pRecord); }
+};
+
+// A frame over a tight picture buffer of its own. A format that has no such picture, or no memory
+// for it, leaves the planes null: whole pictures can be sent all the same.
+AVFrame* NewPicture(const AVFILTER_VIDEO_INFO& st_Info, std::uint8_t** ppu8_Buffer)
+{
+    const auto format = static_cast<AVPixelFormat>(st_Info.nPixelFormat);
+    AVFrame* pSt_Frame = av_frame_alloc();
+    const int nSize = av_image_get_buffer_size(format, st_Info.nWidth, st_Info.nHeight, 1);
+    *ppu8_Buffer =
+        nSize > 0 ? static_cast<std::uint8_t*>(av_malloc(static_cast<std::size_t>(nSize))) : nullptr;
+    if (pSt_Frame != nullptr) {
+        av_image_fill_arrays(pSt_Frame->data, pSt_Frame->linesize, *ppu8_Buffer, format, st_Info.nWidth,
+                             st_Info.nHeight, 1);
+    }
+    return pSt_Frame;
+}
+
+video::Block InputBlock(const AVCODEC_VIDEOINFO& record)
+{
+    const AVFrame& st_In = *record.pSt_InFrame;
+    const int nSize =
+        av_image_get_buffer_size(static_cast<AVPixelFormat>(st_In.format), st_In.width, st_In.height, 1);
+    return {record.pu8_InBuffer, nSize > 0 ? static_cast<std::size_t>(nSize) : 0};
+}
+
+} // namespace
+
+bool CAVFilter_Video::AVFilter_Video_Init(unsigned long long* phHandle, const char* szFilterDescr,
+                                          AVFILTER_VIDEO_INFO* pInfo)
+{
+    ClearError();
+    if (phHandle == nullptr || szFilterDescr == nullptr || pInfo == nullptr) {
+        return Fail(AVFILTER_ERROR_VIDEO_INVALID_PARAM);
+    }
+
+    AVCODEC_VIDEOINFO record{};
+    std::unique_ptr<AVCODEC_VIDEOINFO, ReleaseRecord> unlessRegistered(&record);
+    record.pSt_Outputs = avfilter_inout_alloc();
+    record.pSt_Inputs = avfilter_inout_alloc();
+    record.pSt_FilterGraph = frame::NewGraph();
+    if (record.pSt_Outputs == nullptr || record.pSt_Inputs == nullptr ||
+        record.pSt_FilterGraph == nullptr) {
+        return Fail(AVFILTER_ERROR_VIDEO_ALLOC);
+    }
+    const ErrorCode code =
+        frame::BuildSingle(frame::kVideo, record, frame::MixSourceArgs(*pInfo), szFilterDescr);
+    if (code != frame::kNoError) {
+        return Fail(code);
+    }
+
+    record.pSt_InFrame = NewPicture(*pInfo, &record.pu8_InBuffer);
+    // Deliberately as large as the input: conversions never write here, the sink brings its own.
+    record.pSt_OutFrame = NewPicture(*pInfo, &record.pu8_OutBuffer);
+    if (record.pSt_InFrame == nullptr || record.pSt_OutFrame == nullptr) {
+        return Fail(AVFILTER_ERROR_VIDEO_ALLOC);
+    }
+    record.pSt_InFrame->width = pInfo->nWidth;
+    record.pSt_InFrame->height = pInfo->nHeight;
+    record.pSt_InFrame->format = pInfo->nPixelFormat;
+
+    frame::Register(m_WriterGate, m_Mutex, m_mapVideoFilter, phHandle, record);
+    static_cast<void>(unlessRegistered.release());
+    return true;
+}
+
+bool CAVFilter_Video::AVFilter_Video_Cvt(unsigned long long hHandle, unsigned char* pY, unsigned char* pU,
+                                         unsigned char* pV, int nYSize, int nUSize, int nVSize,
+                                         unsigned char* pOut, int* pnOutLen)
+{
+    ClearError();
+    if (pY == nullptr || pOut == nullptr || pnOutLen == nullptr) {
+        return Fail(AVFILTER_ERROR_VIDEO_INVALID_PARAM);
+    }
+    const std::shared_lock lock(m_Mutex);
+    AVCODEC_VIDEOINFO* pRecord = frame::Find(m_mapVideoFilter, hHandle);
+    if (pRecord == nullptr) {
+        return Fail(AVFILTER_ERROR_VIDEO_NOT_FOUND);
+    }
+
+    const video::InputPicture st_Picture{{pY, pU, pV}, {nYSize, nUSize, nVSize}};
+    if (st_Picture.IsWhole()) {
+        // Deliberate: the planes stay where they point now, so a later call with separate planes
+        // copies into this block.
+        video::PointAtWhole(*pRecord->pSt_InFrame, pY);
+    } else {
+        const ErrorCode code = video::CopyPlanes(*pRecord->pSt_InFrame, st_Picture, InputBlock(*pRecord));
+        if (code != frame::kNoError) {
+            return Fail(code);
+        }
+    }
+    // The frame has no reference-counted buffers, so the source takes a copy and leaves it as it is.
+    if (av_buffersrc_add_frame(pRecord->pSt_BufferSrcCtx, pRecord->pSt_InFrame) < 0) {
+        return Fail(AVFILTER_ERROR_VIDEO_SEND_FRAME);
+    }
+    AVFrame* pSt_Out = pRecord->pSt_OutFrame;
+    if (av_buffersink_get_frame(pRecord->pSt_BufferSinkCtx, pSt_Out) < 0) {
+        return Fail(AVFILTER_ERROR_VIDEO_RECEIVE_FRAME);
+    }
+    const int nSize = video::PackPicture(*pSt_Out, pOut);
+    av_frame_unref(pSt_Out);
+    if (nSize < 0) {
+        return Fail(AVFILTER_ERROR_VIDEO_RECEIVE_FRAME);
+    }
+    *pnOutLen = nSize;
+    return true;
+}
+
+bool CAVFilter_Video::AVFilter_Video_Destroy(unsigned long long hHandle)
+{
+    ClearError();
+    const frame::ExclusiveLock lock(m_WriterGate, m_Mutex);
+    if (AVCODEC_VIDEOINFO* pRecord = frame::Find(m_mapVideoFilter, hHandle)) {
+        Release(*pRecord);
+        m_mapVideoFilter.erase(hHandle);
+    }
+    return true;
+}

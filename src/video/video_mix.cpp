@@ -1,0 +1,150 @@
+#include "video.h"
+
+#include "picture.h"
+
+#include "frame/error.h"
+#include "frame/graph.h"
+
+#include <utility>
+
+using frame::ClearError;
+using frame::ErrorCode;
+using frame::Fail;
+
+namespace
+{
+
+// Frees what a record owns, with whatever the parser left in the lists.
+void Release(AVCODEC_VIDEOMIXFILTER& record)
+{
+    avfilter_graph_free(&record.pSt_FilterGraph);
+    frame::FreeMixEntries(record.vec_Filters, &record.pSt_Inputs);
+    av_frame_free(&record.pSt_Pending);
+    record.vec_Filters.clear();
+}
+
+struct ReleaseRecord {
+    void operator()(AVCODEC_VIDEOMIXFILTER* pRecord) const { Release(*pRecord); }
+};
+
+} // namespace
+
+bool CAVFilter_Video::AVFilter_Video_MIXInit(unsigned long long* phHandle, AVFILTER_VIDEO_INFO*** pppInfo,
+                                             int nInputCount, const char* szOutName,
+                                             const char* szFilterDescr)
+{
+    ClearError();
+    if (nInputCount < 1) {
+        return Fail(AVFILTER_ERROR_VIDEO_INVALID_PARAM);
+    }
+    AVCODEC_VIDEOMIXFILTER record{};
+    std::unique_ptr<AVCODEC_VIDEOMIXFILTER, ReleaseRecord> unlessRegistered(&record);
+    record.pSt_FilterGraph = frame::NewGraph();
+    if (record.pSt_FilterGraph == nullptr) {
+        // Deliberately not the allocation code.
+        return Fail(AVFILTER_ERROR_VIDEO_INVALID_PARAM);
+    }
+    ErrorCode code = frame::BuildMix(frame::kVideo, record.pSt_FilterGraph, record.vec_Filters,
+                                     &AVCODEC_VIDEOFILTE::st_VideoInfo, pppInfo, nInputCount, szOutName,
+                                     szFilterDescr, &record.pSt_BufferSinkCtx, &record.pSt_Inputs);
+    if (code == frame::kNoError && phHandle == nullptr) {
+        code = AVFILTER_ERROR_VIDEO_INVALID_PARAM;
+    }
+    if (code != frame::kNoError) {
+        return Fail(code);
+    }
+    frame::Register(m_WriterGate, m_Mutex, m_mapVideoMixFilter, phHandle, record);
+    static_cast<void>(unlessRegistered.release());
+    return true;
+}
+
+bool CAVFilter_Video::AVFilter_Video_MIXSend(unsigned long long hHandle, int nInputId, unsigned char* pY,
+                                             unsigned char* pU, unsigned char* pV, int nYSize, int nUSize,
+                                             int nVSize)
+{
+    ClearError();
+    if (pY == nullptr) {
+        return Fail(AVFILTER_ERROR_VIDEO_INVALID_PARAM);
+    }
+    const std::shared_lock lock(m_Mutex);
+    AVCODEC_VIDEOMIXFILTER* pRecord = frame::Find(m_mapVideoMixFilter, hHandle);
+    AVCODEC_VIDEOFILTE* pInput =
+        pRecord == nullptr
+            ? nullptr
+            : frame::FindInput(pRecord->vec_Filters, &AVCODEC_VIDEOFILTE::st_VideoInfo, nInputId);
+    if (pInput == nullptr) {
+        return Fail(AVFILTER_ERROR_VIDEO_NOT_FOUND);
+    }
+
+    const frame::UniqueFrame frame(av_frame_alloc());
+    if (!frame) {
+        return Fail(AVFILTER_ERROR_VIDEO_ALLOC);
+    }
+    frame->width = pInput->st_VideoInfo.nWidth;
+    frame->height = pInput->st_VideoInfo.nHeight;
+    frame->format = pInput->st_VideoInfo.nPixelFormat;
+    // Not tested: a whole picture needs the line sizes alone, and the source copies it if there is no
+    // buffer behind the frame.
+    av_frame_get_buffer(frame.get(), 1);
+
+    const video::InputPicture st_Picture{{pY, pU, pV}, {nYSize, nUSize, nVSize}};
+    if (st_Picture.IsWhole()) {
+        video::PointAtWhole(*frame, pY);
+    } else {
+        const AVBufferRef* pSt_Buffer = frame->buf[0];
+        const video::Block block =
+            pSt_Buffer == nullptr ? video::Block{} : video::Block{pSt_Buffer->data, pSt_Buffer->size};
+        const ErrorCode code = video::CopyPlanes(*frame, st_Picture, block);
+        if (code != frame::kNoError) {
+            return Fail(code);
+        }
+    }
+    frame->pts = pInput->n_Pts;
+    if (av_buffersrc_add_frame(pInput->pSt_BufferSrcCtx, frame.get()) < 0) {
+        return Fail(AVFILTER_ERROR_VIDEO_SEND_FRAME);
+    }
+    pInput->n_Pts = static_cast<int>(static_cast<unsigned>(pInput->n_Pts) + 1U);
+    return true;
+}
+
+bool CAVFilter_Video::AVFilter_Video_MIXRecv(unsigned long long hHandle, unsigned char* pOutBuffer,
+                                             int* pnOutSize)
+{
+    ClearError();
+    const std::shared_lock lock(m_Mutex);
+    AVCODEC_VIDEOMIXFILTER* pRecord = frame::Find(m_mapVideoMixFilter, hHandle);
+    if (pRecord == nullptr) {
+        return Fail(AVFILTER_ERROR_VIDEO_NOT_FOUND);
+    }
+    frame::UniqueFrame frame(std::exchange(pRecord->pSt_Pending, nullptr));
+    if (!frame) {
+        frame.reset(av_frame_alloc());
+        if (!frame) {
+            return Fail(AVFILTER_ERROR_VIDEO_ALLOC);
+        }
+        if (av_buffersink_get_frame(pRecord->pSt_BufferSinkCtx, frame.get()) < 0) {
+            return Fail(AVFILTER_ERROR_VIDEO_RECEIVE_FRAME);
+        }
+    }
+    if (pOutBuffer == nullptr || pnOutSize == nullptr) {
+        pRecord->pSt_Pending = frame.release();
+        return Fail(AVFILTER_ERROR_VIDEO_INVALID_PARAM);
+    }
+    const int nSize = video::PackPicture(*frame, pOutBuffer);
+    if (nSize < 0) {
+        return Fail(AVFILTER_ERROR_VIDEO_RECEIVE_FRAME);
+    }
+    *pnOutSize = nSize;
+    return true;
+}
+
+bool CAVFilter_Video::AVFilter_Video_MIXDestroy(unsigned long long hHandle)
+{
+    ClearError();
+    const frame::ExclusiveLock lock(m_WriterGate, m_Mutex);
+    if (AVCODEC_VIDEOMIXFILTER* pRecord = frame::Find(m_mapVideoMixFilter, hHandle)) {
+        Release(*pRecord);
+        m_mapVideoMixFilter.erase(hHandle);
+    }
+    return true;
+}
