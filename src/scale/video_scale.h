@@ -1,0 +1,48 @@
+// Scalers: pictures between sizes and pixel formats.
+#pragma once
+
+#include "frame/ffmpeg.h"
+#include "frame/registry.h"
+
+#include "Telvane_AVFilter.h"
+
+#include <cstdint>
+
+// Owns two tight pictures, through entry 0 of their pointers, and the scaler. All zero or null until
+// the first successful set-up.
+struct AVFILTER_VIDEOSCALE {
+    int nSrcFormat;
+    int nDstFormat;
+    int nSrcWidth;
+    int nSrcHeight;
+    int nDstWidth;
+    int nDstHeight;
+    int nSrcLinesize[4];
+    int nDstLinesize[4];
+    int nSrcBufferSize;
+    int nDstBufferSize;
+    std::uint8_t* pu8_SrcData[4];
+    std::uint8_t* pu8_DstData[4];
+    SwsContext* pSt_SwsContext;
+    // A third picture with padded rows, only where swscale cannot be trusted with tight ones.
+    int nPaddedLinesize[4];
+    std::uint8_t* pu8_PaddedData[4];
+};
+
+class CAVFilter_VideoScale
+{
+  public:
+    CAVFilter_VideoScale() noexcept { frame::PreferWriters(m_Mutex); }
+
+    bool AVFilter_VideoScale_Init(unsigned long long* phHandle);
+    bool AVFilter_VideoScale_Set(unsigned long long hHandle, int nSrcFormat, int nSrcWidth, int nSrcHeight,
+                                 int nDstFormat, int nDstWidth, int nDstHeight);
+    bool AVFilter_VideoScale_Fmt(unsigned long long hHandle, const char* pSrc, unsigned char* pOut,
+                                 int* pnOutLen);
+    bool AVFilter_VideoScale_Destory(unsigned long long hHandle);
+
+  private:
+    std::shared_mutex m_Mutex;
+    frame::HandleMap<AVFILTER_VIDEOSCALE> m_mapVideoScale;
+    frame::WriterGate m_WriterGate;
+};
