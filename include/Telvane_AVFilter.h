@@ -29,8 +29,9 @@
  *   samples per channel. Sample formats are FFmpeg's AVSampleFormat values (s16 packed is 1, float
  *   packed is 3), pixel formats its AVPixelFormat values (yuv420p is 0, rgb24 is 2).
  *
- * Ownership. Caller's buffers, texts and records are read or written during the call only; the one
- *   exception is the whole-picture mode of AVFilter_Video_MIXSend. Records are copied at creation.
+ * Ownership. Caller's buffers, texts and records are read or written during the call only, with two
+ *   exceptions, both of whole-picture mode: AVFilter_Video_MIXSend hands the block to the graph, and
+ *   AVFilter_Video_Cvt remembers it for a later separate-plane call. Records are copied at creation.
  *
  * Descriptions are FFmpeg filtergraph texts. A description is as powerful as program code (filters
  *   open files and load plugins): never take one from strangers.
@@ -42,12 +43,14 @@
  *                             be put in order by the caller.
  *   Each family (audio, video, scaling) has one lock. Working calls share it; creating calls take it
  *   alone for a moment, destroying calls and AVFilter_VideoScale_Set for their whole length. These
- *   wait for the working calls that are running when they arrive, and later calls of the family wait
- *   behind them: one long working call delays every create, reconfigure and destroy of its family.
+ *   wait for the calls of the family that are running or waiting when they arrive, and later calls wait
+ *   behind them: nobody waits without bound, but one long working call delays every create, reconfigure
+ *   and destroy of its family.
  *
  * The process. The library opens no file, keeps no log, installs no handler and reads no environment
  *   variable of its own. FFmpeg writes its messages to standard error as in any program
- *   (av_log_set_level changes that). The functions throw nothing but std::bad_alloc.
+ *   (av_log_set_level changes that). Call no function of this library from a log callback
+ *   (av_log_set_callback): it may wait for itself. The functions throw nothing but std::bad_alloc.
  */
 #ifndef TELVANE_AVFILTER_H
 #define TELVANE_AVFILTER_H
@@ -101,7 +104,7 @@
 #define AVFILTER_ERROR_VIDEO_RECEIVE_FRAME 0x80F1009
 /* The scaled picture does not fit; its size has been written. */
 #define AVFILTER_ERROR_VIDEO_BUFFER_TOO_SMALL 0x80F1010
-/* The scaler is not set up, or FFmpeg's scaler failed. */
+/* The scaler is not set up, has no memory for its pictures, or FFmpeg's scaler failed. */
 #define AVFILTER_ERROR_VIDEO_SCALE 0x80F1011
 
 /*
@@ -197,11 +200,13 @@ TELVANE_AVFILTER_API unsigned long long AVFilter_GetLastError(int* pnSysError);
  * Codes, nothing written:
  *   AVFILTER_ERROR_AUDIO_INVALID_PARAM  an argument is NULL
  *   AVFILTER_ERROR_AUDIO_ALLOC          no memory for graph, list entry or frame
- *   AVFILTER_ERROR_AUDIO_CREATE_FILTER  FFmpeg refuses the sample format, rate or channel count
+ *   AVFILTER_ERROR_AUDIO_CREATE_FILTER  FFmpeg refuses the sample format or rate, or nChannels is below 1
  *   AVFILTER_ERROR_AUDIO_PARSE_GRAPH    the description is wrong
- *   AVFILTER_ERROR_AUDIO_CONFIG_GRAPH   the description does not fit the stream or leaves an end open
+ *   AVFILTER_ERROR_AUDIO_CONFIG_GRAPH   the description does not fit the stream or leaves an end open; or
+ *                                       nChannels has no default layout (9 to 15, 17 …)
  * After CREATE_FILTER, PARSE_GRAPH and CONFIG_GRAPH the partly built graph deliberately stays
- * allocated (tens of kilobytes): do not try descriptions in a loop in a long-lived process.
+ * allocated (some hundred bytes to a hundred kilobytes): do not try descriptions in a loop in a
+ * long-lived process.
  * Threads: free.
  */
 TELVANE_AVFILTER_API bool AVFilter_Audio_Init(unsigned long long* phHandle, const char* szFilterDescr,
@@ -234,8 +239,8 @@ TELVANE_AVFILTER_API bool AVFilter_Audio_Init(unsigned long long* phHandle, cons
  *   AVFILTER_ERROR_AUDIO_RECEIVE_FRAME  nothing to give yet: the block is in the graph, call again;
  *                                       or planar output of more than eight channels, whose block is
  *                                       discarded
- * Blocks that the graph makes beyond one per call wait inside it for later calls.
- * No timestamp is set: for filters that need time put "asetpts=N" first, which counts blocks.
+ * Blocks that the graph makes beyond one per call wait inside it for later calls, without bound.
+ * No timestamp is set: for filters that need time put "asetpts=N" first, which counts samples.
  * Threads: per handle.
  */
 TELVANE_AVFILTER_API bool AVFilter_Audio_Cvt(unsigned long long hHandle, unsigned char* pIn, int nInLen,
@@ -243,8 +248,7 @@ TELVANE_AVFILTER_API bool AVFilter_Audio_Cvt(unsigned long long hHandle, unsigne
 
 /*
  * Releases an audio handle, single stream or mix. Always true, for unknown handles too.
- * Waits for the audio calls that are running. Threads: free, but not during a call on the same handle's
- * behalf that the caller has not yet ordered before it.
+ * Waits for the audio calls that are running. Threads: free.
  */
 TELVANE_AVFILTER_API bool AVFilter_Audio_Destroy(unsigned long long hHandle);
 
@@ -255,8 +259,8 @@ TELVANE_AVFILTER_API bool AVFilter_Audio_Destroy(unsigned long long hHandle);
  *
  * phHandle: receives the new handle.
  * pppInfo: the address of a pointer to an array of nInputCount pointers to records. The inputs keep
- *   this order. szName is the input's label in the description; nInputId is its name in
- *   AVFilter_Audio_MIXSend and need not be unique (the first input with the id gets all the blocks).
+ *   this order. szName is the input's label in the description; nInputId is the id by
+ *   which AVFilter_Audio_MIXSend finds it; it need not be unique (the first input with the id gets all).
  * nInputCount: at least 1.
  * szOutName: the label that the description ends in.
  * szFilterDescr: for example "[a][b]amix=inputs=2:normalize=0,aformat=sample_fmts=s16[out]".
@@ -267,9 +271,11 @@ TELVANE_AVFILTER_API bool AVFilter_Audio_Destroy(unsigned long long hHandle);
  *                                       the description NULL; a szName without end; also, deliberately
  *                                       under this code, no memory for the graph
  *   AVFILTER_ERROR_AUDIO_ALLOC          no memory for a list entry
- *   AVFILTER_ERROR_AUDIO_CREATE_FILTER  FFmpeg refuses an input's format, rate or channels, or the sink
+ *   AVFILTER_ERROR_AUDIO_CREATE_FILTER  FFmpeg refuses an input's format or rate, or its nChannels is below
+ *                                       1, or the sink could not be made
  *   AVFILTER_ERROR_AUDIO_PARSE_GRAPH    the description is wrong
- *   AVFILTER_ERROR_AUDIO_CONFIG_GRAPH   an input or the output is not linked, or formats do not meet
+ *   AVFILTER_ERROR_AUDIO_CONFIG_GRAPH   an input or the output is not linked, szOutName is NULL, or formats
+ *                                       do not meet
  * After CREATE_FILTER, PARSE_GRAPH, CONFIG_GRAPH and a failed entry for the sink the partly built graph
  * deliberately stays allocated.
  *
@@ -277,9 +283,10 @@ TELVANE_AVFILTER_API bool AVFilter_Audio_Destroy(unsigned long long hHandle);
  * input's, and with its default normalize=1 makes everything quieter; use normalize=0. An input that
  * falls silent stops the output, and what the other inputs are sent queues up without bound: send
  * silence for it.
- * The end of a stream cannot be signalled. Filters that wait for it keep what they hold: areverse,
- * the tails of loudnorm, aecho, afir, atempo, silenceremove and apad's input; amix's duration option
- * has no effect.
+ * The end of a stream cannot be signalled. Filters that wait for it keep what they hold: areverse and
+ * dynaudnorm (all of ten seconds), the tails of loudnorm, aecho, atempo, speechnorm and silenceremove, a
+ * few samples of aresample to another rate, less than a block of asetnsamples; afir gives nothing while
+ * its impulse response is an input of the mix; amix's duration option has no effect.
  * Threads: free.
  */
 TELVANE_AVFILTER_API bool AVFilter_Audio_MIXInit(unsigned long long* phHandle,
@@ -364,9 +371,10 @@ TELVANE_AVFILTER_API bool AVFilter_Video_Init(unsigned long long* phHandle, cons
  *     ((W+1)/2)*((H+1)/2). The counts are byte counts, not strides. A smaller count leaves the rest
  *     of the plane as it was (undefined on the first call). Or as a
  *   whole picture (pU or pV NULL): pY holds one 8-bit 4:2:0 picture, planes at pY, pY + W*H and
- *     pY + W*H*5/4, whatever the stream's pixel format. The sizes are not used. FFmpeg reads
- *     ((W+1)/2)*((H+1)/2) bytes of each chroma plane: with an odd width or height these overlap and
- *     reach past W*H*3/2 bytes, so use separate planes there, and for all other formats.
+ *     pY + W*H*5/4, whatever the stream's pixel format. The sizes are not used. FFmpeg reads from each
+ *     place as many bytes as the stream's format has in that plane. W*H*3/2 bytes are enough for 8-bit
+ *     4:2:0 of even width and height alone: for odd sizes the chroma planes overlap and reach past that
+ *     end, for other formats it is far too little. Use separate planes there.
  * The picture is copied, and never written to, with one deliberate exception: after a whole-picture call,
  * a separate-plane call on the same handle copies its planes into that earlier caller's block. Do not
  * mix the two modes on one handle.
@@ -385,7 +393,7 @@ TELVANE_AVFILTER_API bool AVFilter_Video_Init(unsigned long long* phHandle, cons
  *                                       belongs to a plane that the format does not have
  *   AVFILTER_ERROR_VIDEO_NOT_FOUND      no such handle, or the handle of a mix
  *   AVFILTER_ERROR_VIDEO_ALLOC          separate planes where AVFilter_Video_Init found no memory for
- *                                       the picture
+ *                                       the picture, or the format has none (hardware formats)
  *   AVFILTER_ERROR_VIDEO_SEND_FRAME     the graph did not take the picture
  *   AVFILTER_ERROR_VIDEO_RECEIVE_FRAME  nothing to give yet: the picture is in the graph, send the next;
  *                                       or the output lacks a plane (rgb24, gray, nv12 …) or holds less
@@ -395,7 +403,7 @@ TELVANE_AVFILTER_API bool AVFilter_Video_Init(unsigned long long* phHandle, cons
  * without bound.
  * No timestamp is set: filters that depend on time do nothing useful, and "fps" drops every picture.
  * Put "setpts=N" first: pictures are then 1/nTimeBase seconds apart. The end of the stream cannot be
- * signalled: "reverse", and the last pictures of "tmix", "minterpolate" or "yadif", stay inside.
+ * signalled: "reverse", and the last pictures of "minterpolate" or "yadif", stay inside.
  * Threads: per handle.
  */
 TELVANE_AVFILTER_API bool AVFilter_Video_Cvt(unsigned long long hHandle, unsigned char* pY,
@@ -425,7 +433,8 @@ TELVANE_AVFILTER_API bool AVFilter_Video_Destroy(unsigned long long hHandle);
  *   AVFILTER_ERROR_VIDEO_CREATE_SOURCE  FFmpeg refuses an input's size, pixel format or time base
  *   AVFILTER_ERROR_VIDEO_CREATE_SINK    FFmpeg could not make the sink
  *   AVFILTER_ERROR_VIDEO_PARSE_GRAPH    the description is wrong
- *   AVFILTER_ERROR_VIDEO_CONFIG_GRAPH   an input or the output is not linked, or formats do not meet
+ *   AVFILTER_ERROR_VIDEO_CONFIG_GRAPH   an input or the output is not linked, szOutName is NULL, or formats
+ *                                       do not meet
  *
  * Pairing: each input's pictures count their time from 0 in steps of 1/nTimeBase, and filters with
  * several inputs (overlay, hstack, blend) pair them by time, not by count: beside a 50 per second input,
@@ -442,16 +451,20 @@ TELVANE_AVFILTER_API bool AVFilter_Video_MIXInit(unsigned long long* phHandle,
  *
  * nInputId: the nInputId of the input's record, not its position.
  * pY, pU, pV, nYSize, nUSize, nVSize: separate planes or a whole picture, as for AVFilter_Video_Cvt.
- *   Separate planes are copied; the caller's bytes are never written to.
+ *   Separate planes are copied; the caller's bytes are never written to. Counts smaller than the planes
+ *   leave the rest of the picture undefined.
  *   A WHOLE PICTURE IS HANDED TO THE GRAPH WITHOUT A COPY. The block must stay, and stay unchanged, until
  *   the pictures made from it have been received, or the mix is destroyed. Filters that work in place
- *   write into it (drawbox, negate, hue, noise and fade do; overlay and hstack did not in the cases
- *   tried, but may). FFmpeg's scaler may read a few bytes past its end: leave 64 bytes spare.
+ *   write into it: drawbox, drawgrid, negate, hue, noise, fade and lutyuv do, overlay and hstack did not in
+ *   the cases tried; assume that any filter may. FFmpeg's scaler may read a few bytes past its
+ *   end: leave 64 bytes spare.
  * The input's first picture has time 0, the next 1, and so on, in units of 1/nTimeBase; a picture that
  * is refused does not use up a time.
  *
  * Codes:
- *   AVFILTER_ERROR_VIDEO_INVALID_PARAM  pY is NULL; a separate plane's count as for AVFilter_Video_Cvt
+ *   AVFILTER_ERROR_VIDEO_INVALID_PARAM  pY is NULL; a separate plane's count is negative, belongs to a
+ *                                       plane that the format does not have, or would run past the end of
+ *                                       the memory for the copy (which is somewhat larger than the picture)
  *   AVFILTER_ERROR_VIDEO_NOT_FOUND      no such handle, or no input with that id (deliberately one code)
  *   AVFILTER_ERROR_VIDEO_ALLOC          no memory for a frame, or for the copy of separate planes
  *   AVFILTER_ERROR_VIDEO_SEND_FRAME     the graph did not take the picture
@@ -519,18 +532,21 @@ TELVANE_AVFILTER_API bool AVFilter_VideoScale_Set(unsigned long long hHandle, in
  *
  * pSrc: one source picture as a tight block: the format's planes one after another, rows without padding
  *   (what av_image_get_buffer_size counts with alignment 1). Only read, exactly that many bytes.
- * pOut: receives the destination picture in the same kind of layout. May be NULL if *pnOutLen is too
- *   small anyway, to ask for the size. Must not overlap pSrc only if pOut is to be kept apart; the
- *   picture is copied in before anything is written.
+ * pOut: receives the destination picture in the same kind of layout. May be NULL while *pnOutLen is too
+ *   small, to ask for the size (pSrc must be a picture all the same). May overlap pSrc: the picture is
+ *   copied in before anything is written.
  * pnOutLen: in: the capacity of pOut. Out: the size of the destination picture, on success and when the
  *   capacity is too small.
  * The result is the picture that FFmpeg's scaler makes into padded, aligned rows, at every size; equal
- * format and size on both sides give the source's bytes.
+ * format and size on both sides give the source's bytes. FFmpeg's scaler does not always make the same
+ * picture of the same source: rgb8, bgr8, rgb4_byte and bgr4_byte destinations carry their dither from
+ * picture to picture, and the last samples of xyz12 and some 32-bit RGB sources of odd width can differ.
  *
  * Codes; pOut is written to on success only:
  *   AVFILTER_ERROR_VIDEO_NOT_FOUND         no such handle; *pnOutLen unchanged
  *   AVFILTER_ERROR_VIDEO_SCALE             the scaler is not set up, had no memory for its pictures, or
- *                                          failed; *pnOutLen unchanged
+ *                                          failed; or the source is a Bayer picture of one row, on which
+ *                                          FFmpeg's scaler crashes; *pnOutLen unchanged
  *   AVFILTER_ERROR_VIDEO_BUFFER_TOO_SMALL  *pnOutLen has been set to the size needed; call again
  *   AVFILTER_ERROR_VIDEO_INVALID_PARAM     pSrc or pnOutLen is NULL, or pOut is although the capacity is
  *                                          enough; *pnOutLen unchanged

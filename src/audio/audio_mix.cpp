@@ -106,10 +106,14 @@ bool CAVFilter_Audio::AVFilter_Audio_MIXRecv(unsigned long long hHandle, unsigne
         return Fail(AVFILTER_ERROR_AUDIO_RECEIVE_FRAME);
     }
 
-    // The size counts all planes while the samples are taken from plane 0 alone: packed output is
-    // whole, planar output of several channels is refused where it would be read past its end.
-    const int nSize = av_samples_get_buffer_size(nullptr, frame->ch_layout.nb_channels, frame->nb_samples,
-                                                 static_cast<AVSampleFormat>(frame->format), 1);
+    // The size counts all planes while the samples are taken from plane 0 alone: planar output of
+    // several channels would be read past its end.
+    const auto format = static_cast<AVSampleFormat>(frame->format);
+    if (av_sample_fmt_is_planar(format) != 0 && frame->ch_layout.nb_channels > 1) {
+        return Fail(AVFILTER_ERROR_AUDIO_RECEIVE_FRAME);
+    }
+    const int nSize =
+        av_samples_get_buffer_size(nullptr, frame->ch_layout.nb_channels, frame->nb_samples, format, 1);
     if (nSize < 0 || !frame::InBounds(*frame, frame->data[0], static_cast<std::size_t>(nSize))) {
         return Fail(AVFILTER_ERROR_AUDIO_RECEIVE_FRAME);
     }

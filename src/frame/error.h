@@ -25,19 +25,19 @@ inline void ClearError()
     }
 }
 
-// Reports a failure and returns false, for `return Fail(...)`.
-inline bool Fail(ErrorCode code)
-{
-    std::atomic_ref(AVFilter_dwErrorCode).store(code, std::memory_order_relaxed);
-    std::atomic_ref(AVFilter_IsErrorOccur).store(true, std::memory_order_relaxed);
-    return false;
-}
-
-// The same without raising the flag: deliberate at four sites of the audio family, whose callers
-// tell these failures by the returned value alone.
+// Stores a failure's code without raising the flag: deliberate at four sites of the audio family,
+// whose callers tell these failures by the returned value alone.
 inline bool FailWithoutFlag(ErrorCode code)
 {
     std::atomic_ref(AVFilter_dwErrorCode).store(code, std::memory_order_relaxed);
+    return false;
+}
+
+// Reports a failure and returns false, for `return Fail(...)`.
+inline bool Fail(ErrorCode code)
+{
+    FailWithoutFlag(code);
+    std::atomic_ref(AVFilter_IsErrorOccur).store(true, std::memory_order_relaxed);
     return false;
 }
 

@@ -1,5 +1,6 @@
 #include "graph.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -97,16 +98,22 @@ ErrorCode LinkAndConfigure(const Family& family, AVFilterGraph* pSt_Graph, const
     return avfilter_graph_config(pSt_Graph, nullptr) < 0 ? family.nConfigGraph : kNoError;
 }
 
-bool InBounds(const AVFrame& st_Frame, const std::uint8_t* p, std::size_t n)
+bool InBounds(const AVFrame& st_Frame, const std::uint8_t* p, std::size_t n, int nRows,
+              std::ptrdiff_t nStride)
 {
     for (const AVBufferRef* pSt_Buffer : st_Frame.buf) {
         if (pSt_Buffer == nullptr) {
             break;
         }
         const std::uint8_t* pEnd = pSt_Buffer->data + pSt_Buffer->size;
-        if (p >= pSt_Buffer->data && p < pEnd) {
-            return n <= static_cast<std::size_t>(pEnd - p);
+        if (p < pSt_Buffer->data || p >= pEnd) {
+            continue;
         }
+        const std::ptrdiff_t nFirstRow = p - pSt_Buffer->data;
+        const std::ptrdiff_t nLastRow = nFirstRow + (nRows - 1) * nStride;
+        const auto nSize = static_cast<std::ptrdiff_t>(pSt_Buffer->size);
+        return std::min(nFirstRow, nLastRow) >= 0 &&
+               static_cast<std::ptrdiff_t>(n) <= nSize - std::max(nFirstRow, nLastRow);
     }
     return true;
 }

@@ -51,7 +51,7 @@ struct SourceArgs {
 // A single audio stream is given no time base (FFmpeg's default applies), a mix's inputs are.
 SourceArgs SingleSourceArgs(const AVFILTER_AUDIO_INFO& st_Info);
 SourceArgs MixSourceArgs(const AVFILTER_AUDIO_INFO& st_Info);
-SourceArgs MixSourceArgs(const AVFILTER_VIDEO_INFO& st_Info);
+SourceArgs MixSourceArgs(const AVFILTER_VIDEO_INFO& st_Info); // single streams too
 
 // Whether the text ends within its field.
 bool IsTerminated(const char (&szName)[64]);
@@ -98,7 +98,8 @@ ErrorCode BuildMix(const Family& family, AVFilterGraph* pSt_Graph, std::vector<E
         if (pInfo == nullptr || !IsTerminated(pInfo->szName)) {
             return family.nInvalidParam;
         }
-        Element st_Input{};
+        // In the vector first, so that nothing is lost if that throws.
+        Element& st_Input = vec_Inputs.emplace_back();
         if (avfilter_graph_create_filter(&st_Input.pSt_BufferSrcCtx, avfilter_get_by_name(family.szSource),
                                          pInfo->szName, MixSourceArgs(*pInfo).szText, nullptr,
                                          pSt_Graph) < 0) {
@@ -110,7 +111,6 @@ ErrorCode BuildMix(const Family& family, AVFilterGraph* pSt_Graph, std::vector<E
         }
         SetEntry(*st_Input.pSt_Outputs, pInfo->szName, st_Input.pSt_BufferSrcCtx);
         st_Input.*pst_InfoCopy = *pInfo;
-        vec_Inputs.push_back(st_Input);
     }
 
     if (avfilter_graph_create_filter(ppSt_Sink, avfilter_get_by_name(family.szSink), szOutName, nullptr,
@@ -154,9 +154,10 @@ void FreeMixEntries(std::vector<Element>& vec_Inputs, AVFilterInOut** ppSt_SinkL
     }
 }
 
-// Whether n bytes from p, which is a plane pointer of the frame or follows one, are the frame's to
-// read or write. Planes that lie outside all of the frame's own buffers (a caller's block handed in
+// Whether nRows rows of n bytes, the first at p, are the frame's to read or write. A negative stride
+// goes up in memory. Planes that lie outside all of the frame's own buffers (a caller's block handed in
 // as a whole) cannot be checked and are taken on trust.
-bool InBounds(const AVFrame& st_Frame, const std::uint8_t* p, std::size_t n);
+bool InBounds(const AVFrame& st_Frame, const std::uint8_t* p, std::size_t n, int nRows = 1,
+              std::ptrdiff_t nStride = 0);
 
 } // namespace frame

@@ -32,7 +32,8 @@ inline void PreferWriters(std::shared_mutex& mutex) noexcept
 
 // Writers pass here on their way to the lock. A batch is open until its first writer has the lock; who
 // comes later belongs to the next one, which enters when the last of this batch has left. So a writer
-// waits for one batch and the readers behind it at most, and a reader for one batch.
+// waits for the readers and the batch that are there when it comes, the readers that had come before it,
+// and the others of its own batch; a reader that queues at the lock waits for one batch.
 class WriterGate
 {
   public:

@@ -20,6 +20,27 @@ Record* Find(HandleMap<Record>& map, unsigned long long hHandle)
     return it == map.end() ? nullptr : &it->second;
 }
 
+// Releases a record's FFmpeg objects unless it has been registered.
+template <class Record, void (*Release)(Record&)>
+class UnlessRegistered
+{
+  public:
+    explicit UnlessRegistered(Record& record) : m_pRecord(&record) {}
+    ~UnlessRegistered()
+    {
+        if (m_pRecord != nullptr) {
+            Release(*m_pRecord);
+        }
+    }
+    UnlessRegistered(const UnlessRegistered&) = delete;
+    UnlessRegistered& operator=(const UnlessRegistered&) = delete;
+
+    void Keep() { m_pRecord = nullptr; }
+
+  private:
+    Record* m_pRecord;
+};
+
 // Obtains a new handle and files a copy of the record under it. If the generator repeats the value of
 // a live handle, the map keeps the old record and the new one's FFmpeg objects are orphaned.
 template <class Record>

@@ -12,7 +12,7 @@ namespace
 {
 
 // swscale's vector code reads up to 32 bytes past the end of a tight source, and what it reads there
-// can reach the picture: the spare bytes are zeroed, so that the same source gives the same picture.
+// can reach the picture: the spare bytes are zeroed, so that they do not differ from call to call.
 constexpr std::size_t kSourceSlack = 64;
 
 // Rows and planes of the padded picture start at multiples of this, and as many bytes follow it.

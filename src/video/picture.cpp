@@ -2,7 +2,6 @@
 
 #include "frame/graph.h"
 
-#include <cstdlib>
 #include <cstring>
 
 namespace video
@@ -32,9 +31,8 @@ bool IsReadable(const AVFrame& st_Frame, const PlaneView& plane)
     if (plane.pData == nullptr) {
         return false;
     }
-    const std::ptrdiff_t nLastRow = (plane.nRows - 1) * plane.nStride;
-    const std::uint8_t* pLowest = plane.nStride < 0 ? plane.pData + nLastRow : plane.pData;
-    return frame::InBounds(st_Frame, pLowest, static_cast<std::size_t>(std::abs(nLastRow) + plane.nWidth));
+    return frame::InBounds(st_Frame, plane.pData, static_cast<std::size_t>(plane.nWidth), plane.nRows,
+                           plane.nStride);
 }
 
 unsigned char* PackPlane(const PlaneView& plane, unsigned char* pOut)

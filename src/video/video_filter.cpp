@@ -24,10 +24,6 @@ void Release(AVCODEC_VIDEOINFO& record)
     av_freep(&record.pu8_OutBuffer);
 }
 
-struct ReleaseRecord {
-    void operator()(AVCODEC_VIDEOINFO* pRecord) const { Release(*pRecord); }
-};
-
 // A frame over a tight picture buffer of its own. A format that has no such picture, or no memory
 // for it, leaves the planes null: whole pictures can be sent all the same.
 AVFrame* NewPicture(const AVFILTER_VIDEO_INFO& st_Info, std::uint8_t** ppu8_Buffer)
@@ -63,7 +59,7 @@ bool CAVFilter_Video::AVFilter_Video_Init(unsigned long long* phHandle, const ch
     }
 
     AVCODEC_VIDEOINFO record{};
-    std::unique_ptr<AVCODEC_VIDEOINFO, ReleaseRecord> unlessRegistered(&record);
+    frame::UnlessRegistered<AVCODEC_VIDEOINFO, Release> partlyBuilt(record);
     record.pSt_Outputs = avfilter_inout_alloc();
     record.pSt_Inputs = avfilter_inout_alloc();
     record.pSt_FilterGraph = frame::NewGraph();
@@ -88,7 +84,7 @@ bool CAVFilter_Video::AVFilter_Video_Init(unsigned long long* phHandle, const ch
     record.pSt_InFrame->format = pInfo->nPixelFormat;
 
     frame::Register(m_WriterGate, m_Mutex, m_mapVideoFilter, phHandle, record);
-    static_cast<void>(unlessRegistered.release());
+    partlyBuilt.Keep();
     return true;
 }
 

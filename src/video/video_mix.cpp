@@ -23,10 +23,6 @@ void Release(AVCODEC_VIDEOMIXFILTER& record)
     record.vec_Filters.clear();
 }
 
-struct ReleaseRecord {
-    void operator()(AVCODEC_VIDEOMIXFILTER* pRecord) const { Release(*pRecord); }
-};
-
 } // namespace
 
 bool CAVFilter_Video::AVFilter_Video_MIXInit(unsigned long long* phHandle, AVFILTER_VIDEO_INFO*** pppInfo,
@@ -38,7 +34,7 @@ bool CAVFilter_Video::AVFilter_Video_MIXInit(unsigned long long* phHandle, AVFIL
         return Fail(AVFILTER_ERROR_VIDEO_INVALID_PARAM);
     }
     AVCODEC_VIDEOMIXFILTER record{};
-    std::unique_ptr<AVCODEC_VIDEOMIXFILTER, ReleaseRecord> unlessRegistered(&record);
+    frame::UnlessRegistered<AVCODEC_VIDEOMIXFILTER, Release> partlyBuilt(record);
     record.pSt_FilterGraph = frame::NewGraph();
     if (record.pSt_FilterGraph == nullptr) {
         // Deliberately not the allocation code.
@@ -54,7 +50,7 @@ bool CAVFilter_Video::AVFilter_Video_MIXInit(unsigned long long* phHandle, AVFIL
         return Fail(code);
     }
     frame::Register(m_WriterGate, m_Mutex, m_mapVideoMixFilter, phHandle, record);
-    static_cast<void>(unlessRegistered.release());
+    partlyBuilt.Keep();
     return true;
 }
 
@@ -83,8 +79,7 @@ bool CAVFilter_Video::AVFilter_Video_MIXSend(unsigned long long hHandle, int nIn
     frame->width = pInput->st_VideoInfo.nWidth;
     frame->height = pInput->st_VideoInfo.nHeight;
     frame->format = pInput->st_VideoInfo.nPixelFormat;
-    // Not tested: a whole picture needs the line sizes alone, and the source copies it if there is no
-    // buffer behind the frame.
+    // Not tested: FFmpeg empties a frame that it has no memory for, and the source refuses that.
     av_frame_get_buffer(frame.get(), 1);
 
     const video::InputPicture st_Picture{{pY, pU, pV}, {nYSize, nUSize, nVSize}};
