@@ -71,6 +71,14 @@ void AllocDestination(const AVFILTER_VIDEOSCALE& record, std::uint8_t* (&pu8_Dat
     std::memset(pu8_Data[0], 0, static_cast<std::size_t>(nSize));
 }
 
+// swscale aborts the process on a number that is no pixel format. FFmpeg's libraries may know more formats
+// than the headers that this was built with.
+bool IsPixelFormat(int nFormat)
+{
+    return nFormat >= 0 && (nFormat < AV_PIX_FMT_NB ||
+                            av_image_get_buffer_size(static_cast<AVPixelFormat>(nFormat), 1, 1, 1) > 0);
+}
+
 // swscale's vector code stores whole registers and works on groups of 8 or 16 pixels. With tight rows
 // it faults on unaligned ones, leaves the last columns unwritten or writes past the end of the block,
 // depending on the pair of formats. Checked over all 30,940 pairs: sound where all rows are multiples
@@ -95,7 +103,7 @@ bool IsCrashingSource(const AVFILTER_VIDEOSCALE& record)
 bool IsReady(const AVFILTER_VIDEOSCALE& record)
 {
     return record.pSt_SwsContext != nullptr && record.pu8_SrcData[0] != nullptr &&
-           record.pu8_DstData[0] != nullptr &&
+           record.pu8_DstData[0] != nullptr && record.nDstBufferSize > 0 &&
            (record.pu8_PaddedData[0] != nullptr || !NeedsPadding(record)) && !IsCrashingSource(record);
 }
 
@@ -155,6 +163,9 @@ bool CAVFilter_VideoScale::AVFilter_VideoScale_Set(unsigned long long hHandle, i
     record.nDstHeight = nDstHeight;
     Release(record);
 
+    if (!IsPixelFormat(nSrcFormat) || !IsPixelFormat(nDstFormat)) {
+        return Fail(AVFILTER_ERROR_VIDEO_PARSE_GRAPH);
+    }
     record.pSt_SwsContext =
         sws_getContext(nSrcWidth, nSrcHeight, static_cast<AVPixelFormat>(nSrcFormat), nDstWidth, nDstHeight,
                        static_cast<AVPixelFormat>(nDstFormat), SWS_BILINEAR, nullptr, nullptr, nullptr);

@@ -96,6 +96,11 @@ frame::ErrorCode CopyPlanes(AVFrame& st_Frame, const InputPicture& st_Picture, c
     return frame::kNoError;
 }
 
+bool IsSendable(const AVFrame& st_Frame)
+{
+    return st_Frame.data[0] != nullptr && st_Frame.linesize[0] != 0;
+}
+
 int PackPicture(const AVFrame& st_Frame, unsigned char* pOut)
 {
     // An odd size deliberately loses the last chroma column or row.

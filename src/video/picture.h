@@ -34,6 +34,10 @@ void PointAtWhole(AVFrame& st_Frame, unsigned char* pPicture);
 // past the end of the block that the plane lies in.
 frame::ErrorCode CopyPlanes(AVFrame& st_Frame, const InputPicture& st_Picture, const Block& block);
 
+// Whether a frame of the library's own can be handed to FFmpeg, which aborts the process on one without
+// planes or line sizes: there was no memory for it, or its format has no picture in memory.
+bool IsSendable(const AVFrame& st_Frame);
+
 // Packs the frame as three 8-bit 4:2:0 planes without padding, whatever its format. Returns the
 // number of bytes, or a negative number, with nothing written, for a frame without such planes.
 int PackPicture(const AVFrame& st_Frame, unsigned char* pOut);

@@ -5,6 +5,9 @@
 #include "frame/error.h"
 #include "frame/graph.h"
 
+#include <algorithm>
+#include <iterator>
+
 using frame::ClearError;
 using frame::ErrorCode;
 using frame::Fail;
@@ -36,6 +39,10 @@ AVFrame* NewPicture(const AVFILTER_VIDEO_INFO& st_Info, std::uint8_t** ppu8_Buff
     if (pSt_Frame != nullptr) {
         av_image_fill_arrays(pSt_Frame->data, pSt_Frame->linesize, *ppu8_Buffer, format, st_Info.nWidth,
                              st_Info.nHeight, 1);
+    }
+    if (pSt_Frame != nullptr && *ppu8_Buffer == nullptr) {
+        // What has been set is the line sizes, and planes at offsets from nowhere.
+        std::fill(std::begin(pSt_Frame->data), std::end(pSt_Frame->data), nullptr);
     }
     return pSt_Frame;
 }
@@ -114,7 +121,8 @@ bool CAVFilter_Video::AVFilter_Video_Cvt(unsigned long long hHandle, unsigned ch
         }
     }
     // The frame has no reference-counted buffers, so the source takes a copy and leaves it as it is.
-    if (av_buffersrc_add_frame(pRecord->pSt_BufferSrcCtx, pRecord->pSt_InFrame) < 0) {
+    if (!video::IsSendable(*pRecord->pSt_InFrame) ||
+        av_buffersrc_add_frame(pRecord->pSt_BufferSrcCtx, pRecord->pSt_InFrame) < 0) {
         return Fail(AVFILTER_ERROR_VIDEO_SEND_FRAME);
     }
     AVFrame* pSt_Out = pRecord->pSt_OutFrame;
