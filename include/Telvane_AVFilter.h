@@ -58,8 +58,11 @@
 #include <stdbool.h>
 #include <stddef.h>
 
+/* Changes when programs built against an older version would no longer run; part of the SONAME. */
 #define TELVANE_AVFILTER_VERSION_MAJOR 1
+/* Changes when something is added. */
 #define TELVANE_AVFILTER_VERSION_MINOR 0
+/* Changes for the rest. */
 #define TELVANE_AVFILTER_VERSION_PATCH 0
 
 #if defined(__GNUC__) || defined(__clang__)
@@ -91,16 +94,23 @@
 /* No block came out: most often just "not yet", send more. */
 #define AVFILTER_ERROR_AUDIO_RECEIVE_FRAME 0x80F0009
 
-/* As above, for video filters, video mixes and scalers. */
+/* Video filters, video mixes and scalers: as above, a count of a separate plane included. */
 #define AVFILTER_ERROR_VIDEO_INVALID_PARAM 0x80F1001
+/* No memory for a part of the graph or for a picture. */
 #define AVFILTER_ERROR_VIDEO_ALLOC 0x80F1002
+/* FFmpeg refused a source: size, pixel format or time base. */
 #define AVFILTER_ERROR_VIDEO_CREATE_SOURCE 0x80F1003
+/* FFmpeg could not make the sink. */
 #define AVFILTER_ERROR_VIDEO_CREATE_SINK 0x80F1004
-/* Also: the scaler cannot do that conversion (deliberately the same code). */
+/* FFmpeg could not parse the description; deliberately also: the scaler cannot do that conversion. */
 #define AVFILTER_ERROR_VIDEO_PARSE_GRAPH 0x80F1005
+/* The parsed graph does not fit together: an end left open, formats that do not meet. */
 #define AVFILTER_ERROR_VIDEO_CONFIG_GRAPH 0x80F1006
+/* No such handle, or the mix has no input with that id. */
 #define AVFILTER_ERROR_VIDEO_NOT_FOUND 0x80F1007
+/* The graph did not take the picture. */
 #define AVFILTER_ERROR_VIDEO_SEND_FRAME 0x80F1008
+/* No picture came out: most often just "not yet", send more; or it is not 8-bit 4:2:0. */
 #define AVFILTER_ERROR_VIDEO_RECEIVE_FRAME 0x80F1009
 /* The scaled picture does not fit; its size has been written. */
 #define AVFILTER_ERROR_VIDEO_BUFFER_TOO_SMALL 0x80F1010
@@ -158,15 +168,15 @@ extern "C" {
 #endif
 
 /*
- * The process-wide error report, written by whichever call ran last on any thread. With several
- * threads, rely on the returned bool, and read the code right after a failed call.
- *
- * AVFilter_IsErrorOccur: set to false when a call starts, to true when it fails (but for the four
- *   audio failures marked "flag false").
- * AVFilter_dwErrorCode: the code of the last failure. Success does not clear it. 64 bits wide, in
- *   spite of its name.
+ * Whether the last call failed: set to false when a call starts, to true when it fails (but for the four
+ * audio failures marked "flag false"). Process-wide, written by whichever call ran last on any thread:
+ * with several threads, rely on the returned bool.
  */
 extern TELVANE_AVFILTER_API bool AVFilter_IsErrorOccur;
+/*
+ * The code of the last failure on any thread: read it right after a failed call. Success does not clear
+ * it. 64 bits wide, in spite of its name.
+ */
 extern TELVANE_AVFILTER_API unsigned long long AVFilter_dwErrorCode;
 
 #ifdef __cplusplus

@@ -1,7 +1,6 @@
-// FFmpeg's headers, and the one place for differences between its versions (5.1 to 7.1).
-//
-// There is none in code today: everything called here has had the same form since 5.1. The build
-// differs in one point: libpostproc is linked only where FFmpeg still ships it (up to 7).
+// FFmpeg's headers, and the one place for differences between its versions (5.1 to 7.1). Everything
+// called here has had the same form since 5.1. The build differs in one point: libpostproc is linked
+// only where FFmpeg still ships it (up to 7).
 #pragma once
 
 extern "C" {
@@ -21,6 +20,14 @@ extern "C" {
 
 namespace frame
 {
+
+// How many times as wide as the picture the rows of a padded destination must be. FFmpeg 7's converter
+// from planar YUV to gbrp wants three bytes of a row for each pixel, as if it were packed, and leaves the
+// last columns out where a row is shorter. Earlier versions do not mind.
+inline int PaddedRowFactor(AVPixelFormat format)
+{
+    return format == AV_PIX_FMT_GBRP ? 3 : 1;
+}
 
 struct FreeFrame {
     void operator()(AVFrame* pSt_Frame) const { av_frame_free(&pSt_Frame); }

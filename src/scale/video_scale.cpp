@@ -61,8 +61,10 @@ void AllocSource(AVFILTER_VIDEOSCALE& record)
 void AllocDestination(const AVFILTER_VIDEOSCALE& record, std::uint8_t* (&pu8_Data)[4], int (&nLinesize)[4],
                       int nAlignment)
 {
-    const int nSize = av_image_alloc(pu8_Data, nLinesize, record.nDstWidth, record.nDstHeight,
-                                     static_cast<AVPixelFormat>(record.nDstFormat), nAlignment);
+    const auto format = static_cast<AVPixelFormat>(record.nDstFormat);
+    const int nWidth =
+        nAlignment > 1 ? record.nDstWidth * frame::PaddedRowFactor(format) : record.nDstWidth;
+    const int nSize = av_image_alloc(pu8_Data, nLinesize, nWidth, record.nDstHeight, format, nAlignment);
     if (nSize < 0) {
         // FFmpeg may leave pointers to what it has freed.
         std::memset(pu8_Data, 0, sizeof(pu8_Data));
