@@ -8,7 +8,8 @@ BUILD_PACKAGES=(
     libpostproc-dev libswresample-dev libswscale-dev
 )
 TEST_PACKAGES=(libgtest-dev)
-CHECK_PACKAGES=(clang clang-format clang-tidy valgrind)
+CHECK_PACKAGES=(clang clang-format clang-tidy valgrind doxygen)
+CONSUMER_PACKAGES=(make python3-numpy python3-pip python3-setuptools python3-wheel)
 
 # apt-get without questions, its many lines counted instead of shown; on failure the last ones.
 _apt_get() {

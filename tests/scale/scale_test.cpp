@@ -1,0 +1,144 @@
+// Scalers: sizes, states, refusals. What the pictures look like is the sweep's matter.
+#include "support/support.h"
+
+extern "C" {
+#include <libavutil/log.h>
+#include <libavutil/pixfmt.h>
+}
+
+#include <algorithm>
+
+namespace
+{
+
+using test::Bytes;
+using test::ExpectFailure;
+using test::GuardedBuffer;
+
+class Scaler : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        av_log_set_level(AV_LOG_QUIET);
+        EXPECT_OK(AVFilter_VideoScale_Init(&m_hScaler));
+    }
+    void TearDown() override { EXPECT_OK(AVFilter_VideoScale_Destory(m_hScaler)); }
+
+    bool Set(const int (&n)[6]) const
+    {
+        return AVFilter_VideoScale_Set(m_hScaler, n[0], n[1], n[2], n[3], n[4], n[5]);
+    }
+    bool Fmt(const unsigned char* pSrc, unsigned char* pOut, int* pnOutLen) const
+    {
+        return AVFilter_VideoScale_Fmt(m_hScaler, reinterpret_cast<const char*>(pSrc), pOut, pnOutLen);
+    }
+
+    unsigned long long m_hScaler = 0;
+};
+
+TEST_F(Scaler, SizesAndCapacity)
+{
+    const struct {
+        int nSet[6], nSrcSize, nDstSize;
+    } cases[] = {
+        {{AV_PIX_FMT_YUV420P, 1920, 1080, AV_PIX_FMT_YUV420P, 1280, 720}, 3110400, 1382400},
+        {{AV_PIX_FMT_YUV420P, 33, 17, AV_PIX_FMT_RGB24, 854, 48}, 33 * 17 + 2 * 17 * 9, 854 * 48 * 3},
+        // 4:2:2 tells width from height on both sides.
+        {{AV_PIX_FMT_YUV422P, 6, 3, AV_PIX_FMT_YUV422P, 3, 8}, 18 + 2 * 9, 24 + 2 * 16},
+        {{AV_PIX_FMT_RGB24, 16, 16, AV_PIX_FMT_MONOBLACK, 9, 4}, 768, 8},
+    };
+    for (const auto& st : cases) {
+        EXPECT_OK(Set(st.nSet));
+        GuardedBuffer in(static_cast<std::size_t>(st.nSrcSize), 0x40);
+        in.Protect();
+        GuardedBuffer out(static_cast<std::size_t>(st.nDstSize));
+        const Bytes untouched = out.Copy();
+        int nLen = 0;
+        for (const int nTooSmall : {st.nDstSize - 1, 0, -1, -2000000000}) {
+            for (unsigned char* pOut : {out.Data(), static_cast<unsigned char*>(nullptr)}) {
+                nLen = nTooSmall;
+                ExpectFailure(Fmt(in.Data(), pOut, &nLen), AVFILTER_ERROR_VIDEO_BUFFER_TOO_SMALL);
+                EXPECT_EQ(nLen, st.nDstSize);
+            }
+        }
+        ExpectFailure(Fmt(in.Data(), nullptr, &nLen), AVFILTER_ERROR_VIDEO_INVALID_PARAM);
+        ExpectFailure(Fmt(nullptr, out.Data(), &nLen), AVFILTER_ERROR_VIDEO_INVALID_PARAM);
+        ExpectFailure(Fmt(in.Data(), out.Data(), nullptr), AVFILTER_ERROR_VIDEO_INVALID_PARAM);
+        EXPECT_TRUE(nLen == st.nDstSize && out.Copy() == untouched);
+        nLen = 2000000000;
+        EXPECT_OK(Fmt(in.Data(), out.Data(), &nLen));
+        EXPECT_TRUE(nLen == st.nDstSize && out.Copy() != untouched);
+    }
+}
+
+TEST_F(Scaler, WorksFromTheFirstSuccessfulSetOn)
+{
+    const Bytes source = test::Noise(768);
+    Bytes out(768);
+    const int refused[][6] = {
+        {0, 0, 4, 0, 64, 4},     {0, 64, 0, 0, 64, 4},    {0, 64, 4, 0, 0, 4},
+        {0, 64, 4, 0, 64, -1},   {-1, 64, 4, 0, 64, 4},   {0, 64, 4, -1, 64, 4},
+        {0, 64, 4, 9999, 64, 4}, {9999, 64, 4, 0, 64, 4}, {0, 64, 4, AV_PIX_FMT_PAL8, 64, 4}};
+    for (const auto& set : refused) {
+        int nLen = 768;
+        ExpectFailure(Set(set), AVFILTER_ERROR_VIDEO_PARSE_GRAPH);
+        ExpectFailure(Fmt(source.data(), out.data(), &nLen), AVFILTER_ERROR_VIDEO_SCALE);
+        EXPECT_EQ(nLen, 768);
+        EXPECT_OK(Set({AV_PIX_FMT_RGB24, 64, 4, AV_PIX_FMT_GRAY8, 33, 4}));
+        EXPECT_OK(Fmt(source.data(), out.data(), &nLen));
+        EXPECT_EQ(nLen, 33 * 4);
+    }
+    // FFmpeg's scaler accepts Bayer pictures of a single row and then fails on them.
+    if (Set({AV_PIX_FMT_BAYER_RGGB8, 16, 1, AV_PIX_FMT_RGB24, 16, 1})) {
+        int nLen = 768;
+        ExpectFailure(Fmt(source.data(), out.data(), &nLen), AVFILTER_ERROR_VIDEO_SCALE);
+    }
+}
+
+TEST_F(Scaler, OtherHandles)
+{
+    unsigned long long hNew = 0;
+    Bytes bytes(64);
+    int nLen = 12;
+    EXPECT_OK(AVFilter_VideoScale_Init(&hNew));
+    ExpectFailure(AVFilter_VideoScale_Fmt(hNew, "", bytes.data(), &nLen), AVFILTER_ERROR_VIDEO_SCALE);
+    EXPECT_OK(AVFilter_VideoScale_Destory(hNew));
+    for (const unsigned long long h : {hNew, 0ULL, ~0ULL}) {
+        ExpectFailure(AVFilter_VideoScale_Set(h, 0, 4, 4, 0, 4, 4), AVFILTER_ERROR_VIDEO_NOT_FOUND);
+        ExpectFailure(AVFilter_VideoScale_Fmt(h, nullptr, bytes.data(), &nLen),
+                      AVFILTER_ERROR_VIDEO_NOT_FOUND);
+        EXPECT_OK(AVFilter_VideoScale_Destory(h));
+    }
+    EXPECT_EQ(nLen, 12);
+    ExpectFailure(AVFilter_VideoScale_Init(nullptr), AVFILTER_ERROR_VIDEO_INVALID_PARAM);
+}
+
+TEST_F(Scaler, PaletteSource)
+{
+    constexpr std::size_t kPixels = 39;
+    const Bytes source = test::Noise(kPixels + 1024); // indices, then 256 colours of 4 bytes
+    Bytes out(kPixels * 4);
+    int nLen = kPixels * 4;
+    EXPECT_OK(Set({AV_PIX_FMT_PAL8, 13, 3, AV_PIX_FMT_RGB32, 13, 3}));
+    EXPECT_OK(Fmt(source.data(), out.data(), &nLen));
+    for (std::size_t i = 0; i < kPixels; ++i) {
+        EXPECT_EQ(std::memcmp(&out[4 * i], &source[kPixels + std::size_t{4} * source[i]], 4), 0) << i;
+    }
+}
+
+TEST_F(Scaler, CyclesKeepNoMemory)
+{
+    const Bytes source = test::Noise(2562);
+    Bytes out(5124);
+    test::ExpectFlatMemory([&] {
+        int nLen = static_cast<int>(out.size());
+        ASSERT_TRUE(AVFilter_VideoScale_Destory(m_hScaler) && AVFilter_VideoScale_Init(&m_hScaler));
+        ASSERT_TRUE(Set({AV_PIX_FMT_YUV420P, 16, 2, AV_PIX_FMT_GRAY8, 16, 2}));
+        ASSERT_FALSE(Set({0, 0, 0, 0, 0, 0}));
+        ASSERT_TRUE(Set({AV_PIX_FMT_NV12, 854, 2, AV_PIX_FMT_RGB24, 854, 2}));
+        ASSERT_TRUE(Fmt(source.data(), out.data(), &nLen));
+    });
+}
+
+} // namespace
