@@ -555,8 +555,8 @@ TELVANE_AVFILTER_API bool AVFilter_VideoScale_Set(unsigned long long hHandle, in
  * Codes; pOut is written to on success only:
  *   AVFILTER_ERROR_VIDEO_NOT_FOUND         no such handle; *pnOutLen unchanged
  *   AVFILTER_ERROR_VIDEO_SCALE             the scaler is not set up, had no memory for its pictures, or
- *                                          failed; or the source is a Bayer picture of one row, on which
- *                                          FFmpeg's scaler crashes; *pnOutLen unchanged
+ *                                          failed, as it does on Bayer pictures of one row; *pnOutLen
+ *                                          unchanged
  *   AVFILTER_ERROR_VIDEO_BUFFER_TOO_SMALL  *pnOutLen has been set to the size needed; call again
  *   AVFILTER_ERROR_VIDEO_INVALID_PARAM     pSrc or pnOutLen is NULL, or pOut is although the capacity is
  *                                          enough; *pnOutLen unchanged

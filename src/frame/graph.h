@@ -98,11 +98,12 @@ ErrorCode BuildMix(const Family& family, AVFilterGraph* pSt_Graph, std::vector<E
         if (pInfo == nullptr || !IsTerminated(pInfo->szName)) {
             return family.nInvalidParam;
         }
+        // Before the call below: the order in which a call's arguments are evaluated is the compiler's.
+        const SourceArgs args = MixSourceArgs(*pInfo);
         // In the vector first, so that nothing is lost if that throws.
         Element& st_Input = vec_Inputs.emplace_back();
         if (avfilter_graph_create_filter(&st_Input.pSt_BufferSrcCtx, avfilter_get_by_name(family.szSource),
-                                         pInfo->szName, MixSourceArgs(*pInfo).szText, nullptr,
-                                         pSt_Graph) < 0) {
+                                         pInfo->szName, args.szText, nullptr, pSt_Graph) < 0) {
             return family.nCreateSource;
         }
         st_Input.pSt_Outputs = avfilter_inout_alloc();

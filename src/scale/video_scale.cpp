@@ -95,18 +95,11 @@ bool NeedsPadding(const AVFILTER_VIDEOSCALE& record)
     return record.nDstWidth % 16 != 0;
 }
 
-// swscale crashes on Bayer pictures of a single row.
-bool IsCrashingSource(const AVFILTER_VIDEOSCALE& record)
-{
-    return record.nSrcHeight == 1 && record.nSrcFormat >= AV_PIX_FMT_BAYER_BGGR8 &&
-           record.nSrcFormat <= AV_PIX_FMT_BAYER_GRBG16BE;
-}
-
 bool IsReady(const AVFILTER_VIDEOSCALE& record)
 {
     return record.pSt_SwsContext != nullptr && record.pu8_SrcData[0] != nullptr &&
            record.pu8_DstData[0] != nullptr && record.nDstBufferSize > 0 &&
-           (record.pu8_PaddedData[0] != nullptr || !NeedsPadding(record)) && !IsCrashingSource(record);
+           (record.pu8_PaddedData[0] != nullptr || !NeedsPadding(record));
 }
 
 // Some converters, NV12's among them, do not copy all planes between equal formats.

@@ -6,6 +6,7 @@
 
 #include "Telvane_AVFilter.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -21,6 +22,7 @@ struct AVCODEC_VIDEOINFO {
     AVFrame* pSt_OutFrame;
     std::uint8_t* pu8_InBuffer;
     std::uint8_t* pu8_OutBuffer;
+    std::size_t nInBufferSize; // bytes at pu8_InBuffer
 };
 
 // One input of a mix.

@@ -29,13 +29,13 @@ void Release(AVCODEC_VIDEOINFO& record)
 
 // A frame over a tight picture buffer of its own. A format that has no such picture, or no memory
 // for it, leaves the planes null: whole pictures can be sent all the same.
-AVFrame* NewPicture(const AVFILTER_VIDEO_INFO& st_Info, std::uint8_t** ppu8_Buffer)
+AVFrame* NewPicture(const AVFILTER_VIDEO_INFO& st_Info, std::uint8_t** ppu8_Buffer, std::size_t* pnSize)
 {
     const auto format = static_cast<AVPixelFormat>(st_Info.nPixelFormat);
     AVFrame* pSt_Frame = av_frame_alloc();
     const int nSize = av_image_get_buffer_size(format, st_Info.nWidth, st_Info.nHeight, 1);
-    *ppu8_Buffer =
-        nSize > 0 ? static_cast<std::uint8_t*>(av_malloc(static_cast<std::size_t>(nSize))) : nullptr;
+    *pnSize = nSize > 0 ? static_cast<std::size_t>(nSize) : 0;
+    *ppu8_Buffer = *pnSize > 0 ? static_cast<std::uint8_t*>(av_malloc(*pnSize)) : nullptr;
     if (pSt_Frame != nullptr) {
         av_image_fill_arrays(pSt_Frame->data, pSt_Frame->linesize, *ppu8_Buffer, format, st_Info.nWidth,
                              st_Info.nHeight, 1);
@@ -45,14 +45,6 @@ AVFrame* NewPicture(const AVFILTER_VIDEO_INFO& st_Info, std::uint8_t** ppu8_Buff
         std::fill(std::begin(pSt_Frame->data), std::end(pSt_Frame->data), nullptr);
     }
     return pSt_Frame;
-}
-
-video::Block InputBlock(const AVCODEC_VIDEOINFO& record)
-{
-    const AVFrame& st_In = *record.pSt_InFrame;
-    const int nSize =
-        av_image_get_buffer_size(static_cast<AVPixelFormat>(st_In.format), st_In.width, st_In.height, 1);
-    return {record.pu8_InBuffer, nSize > 0 ? static_cast<std::size_t>(nSize) : 0};
 }
 
 } // namespace
@@ -80,9 +72,10 @@ bool CAVFilter_Video::AVFilter_Video_Init(unsigned long long* phHandle, const ch
         return Fail(code);
     }
 
-    record.pSt_InFrame = NewPicture(*pInfo, &record.pu8_InBuffer);
+    record.pSt_InFrame = NewPicture(*pInfo, &record.pu8_InBuffer, &record.nInBufferSize);
     // Deliberately as large as the input: conversions never write here, the sink brings its own.
-    record.pSt_OutFrame = NewPicture(*pInfo, &record.pu8_OutBuffer);
+    std::size_t nOutBufferSize = 0;
+    record.pSt_OutFrame = NewPicture(*pInfo, &record.pu8_OutBuffer, &nOutBufferSize);
     if (record.pSt_InFrame == nullptr || record.pSt_OutFrame == nullptr) {
         return Fail(AVFILTER_ERROR_VIDEO_ALLOC);
     }
@@ -115,7 +108,8 @@ bool CAVFilter_Video::AVFilter_Video_Cvt(unsigned long long hHandle, unsigned ch
         // copies into this block.
         video::PointAtWhole(*pRecord->pSt_InFrame, pY);
     } else {
-        const ErrorCode code = video::CopyPlanes(*pRecord->pSt_InFrame, st_Picture, InputBlock(*pRecord));
+        const ErrorCode code = video::CopyPlanes(*pRecord->pSt_InFrame, st_Picture,
+                                                 {pRecord->pu8_InBuffer, pRecord->nInBufferSize});
         if (code != frame::kNoError) {
             return Fail(code);
         }

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <dlfcn.h>
 #include <map>
-#include <random>
 #include <utility>
 
 namespace
@@ -19,7 +18,7 @@ struct State {
     std::vector<std::string> vec_Log;
     unsigned long long hNext = 0;
     double nProbability = 0;
-    std::mt19937 random;
+    unsigned nRandom = 0;
     int nFailed = 0;
 };
 
@@ -50,7 +49,8 @@ bool Enter(const char* szFunction, void* pCaller)
     st_State.vec_Log.emplace_back(szFunction);
     bool bFail = false;
     if (st_State.nProbability > 0) {
-        bFail = std::bernoulli_distribution(st_State.nProbability)(st_State.random);
+        st_State.nRandom = st_State.nRandom * 1664525U + 1013904223U;
+        bFail = st_State.nRandom < st_State.nProbability * 4294967296.0;
     }
     const auto it = st_State.mapCountdown.find(szFunction);
     if (it != st_State.mapCountdown.end() && --it->second == 0) {
@@ -63,13 +63,15 @@ bool Enter(const char* szFunction, void* pCaller)
 
 } // namespace
 
-// One override: its declaration, how it fails, and the arguments to pass on.
+// One override: its declaration, how it fails, and the arguments to pass on. It has FFmpeg's name for the
+// linker alone, so that it need not repeat FFmpeg's declaration to the letter.
 #define OVERRIDE(result, name, parameters, arguments, failure)                                             \
-    extern "C" __attribute__((visibility("default"))) result name parameters                               \
+    auto Override_##name parameters->result __asm__(#name);                                                \
+    auto Override_##name parameters->result                                                                \
     {                                                                                                      \
-        static const auto real = reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name));               \
+        static const auto real = reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name));             \
         if (Enter(#name, __builtin_return_address(0))) {                                                   \
-            return failure;                                                                                \
+            return (failure);                                                                              \
         }                                                                                                  \
         return real arguments;                                                                             \
     }
@@ -139,7 +141,7 @@ void Fail(const std::string& szFunction, int nth)
 void FailAtRandom(double nProbability, unsigned nSeed)
 {
     TheState().nProbability = nProbability;
-    TheState().random.seed(nSeed);
+    TheState().nRandom = nSeed;
 }
 
 void NextHandle(unsigned long long hHandle)
