@@ -13,12 +13,13 @@
  *   are the words telvane_out, the layer's own label, and sendcmd and zmq, filters that can change the
  *   layer's own; sws_flags in front of a graph is not understood.
  * Errors are thrown as Error, whose code() is an AVFILTER_ERROR_* value and whose what() explains it. The
- *   layer's own refusals are INVALID_PARAM, empty objects and unknown inputs NOT_FOUND. The object is then
- *   as it was before the call. Memory may also run out as std::bad_alloc. That a call failed is always
- *   right; its code comes from the C interface's process-wide variable, so that calls which fail on two
- *   threads at once may report each other's.
- * "No output yet" is an empty optional. Lack of memory is told apart from it and thrown; a failure inside
- *   the graph cannot be, because both have one code. Sources within the description never run empty.
+ *   layer's own refusals are INVALID_PARAM, empty objects and unknown inputs NOT_FOUND: the object is then
+ *   as it was before the call. After other failures it stays usable. Memory may also run out as
+ *   std::bad_alloc. That a call failed is right, but its code comes from the C interface's process-wide
+ *   variable: calls that fail on two threads at once may report each other's.
+ * "No output yet" is an empty optional. Lack of memory is told apart from it by the code, as far as that can
+ *   be relied on (see above), and thrown; a failure inside the graph cannot be, because both have one code.
+ *   An endless source within the description never runs empty: do not receive until nothing comes.
  * Moving leaves an empty object, whose sizes are 0 and whose calls throw; it can be assigned to again.
  * Threads, for every class: different objects work in parallel; the calls on one object must be put in
  *   order by the caller. Creating and destroying wait for the calls of the same family that are running.
@@ -98,6 +99,7 @@ class Error : public std::system_error
 };
 
 // The bytes of a vector, array or span of plain values, for the calls below: writable if the values are.
+// They are not kept: do not store the bytes of a temporary.
 template <class Values>
 auto Bytes(Values&& values)
 {
@@ -234,8 +236,8 @@ class Handle
     Handle(Handle&& other) noexcept : m_n(std::exchange(other.m_n, 0)) {}
     Handle& operator=(Handle&& other) noexcept
     {
-        Handle taken(std::move(other));
-        std::swap(m_n, taken.m_n);
+        const Handle old(std::exchange(m_n, 0)); // before the other is taken: moving to itself empties it
+        m_n = std::exchange(other.m_n, 0);
         return *this;
     }
     Handle(const Handle&) = delete;
@@ -275,7 +277,9 @@ inline std::string Complete(const std::string& text, const std::string& end, int
     }
     const std::size_t nLast = text.find_last_not_of(" \n\t\r");
     Refuse(nLast == std::string::npos, nInvalid, "the description is empty");
-    return "[out]" + end + "[" + kSinkLabel + "];" + text + (text[nLast] == ']' ? "" : "[out]");
+    // A text may also end in a filter without output, behind a chain that leads to [out].
+    const bool bLabelled = text[nLast] == ']' || text.find("[out]") != std::string::npos;
+    return "[out]" + end + "[" + kSinkLabel + "];" + text + (bLabelled ? "" : "[out]");
 }
 
 // A filter is a mix of the one input "in", which a description may leave out.
@@ -397,7 +401,9 @@ class Graph
             Kind::Bytes(m_Inputs[i]); // throws if there is no such stream
             infos[i] = Kind::Record(m_Inputs[i]);
             infos[i].nInputId = static_cast<int>(i);
-            Refuse(inputs[i].name.size() >= sizeof(infos[i].szName), Kind::kInvalid, "a name is too long");
+            Refuse(inputs[i].name.size() >= sizeof(infos[i].szName) ||
+                       inputs[i].name.find('\0') != std::string::npos,
+                   Kind::kInvalid, "a name is too long or contains a zero byte");
             inputs[i].name.copy(infos[i].szName, inputs[i].name.size());
             pointers[i] = &infos[i];
         }
@@ -412,7 +418,7 @@ class Graph
     unsigned long long Get() const { return m_Handle.Get(Kind::kNotFound); }
     const typename Kind::Stream& StreamOf(std::size_t nInput) const
     {
-        Refuse(IsEmpty() || nInput >= m_Inputs.size(), Kind::kNotFound, "no such object or input");
+        Refuse(IsEmpty() || nInput >= m_Inputs.size(), Kind::kNotFound, "StreamOf");
         return m_Inputs[nInput];
     }
     Planes PlanesOf(std::size_t nInput) const { return Kind::Bytes(StreamOf(nInput)); }

@@ -82,6 +82,7 @@ TEST(Layer, VideoStaysInTheBufferWhateverTheDescription)
         {"select=mod(n\\,2)", 4},
         {"[in]null[out];[out]scale=300:300[out]", kByFFmpeg},
         {"[in]nullsink;testsrc2=s=640x480[out]", 64},
+        {"[in]split[a][b];[a]scale=64:64[out];[b]nullsink", 8},
         {"[in]metadata=mode=add:key=k:value='v[out]",
          8}, // the quote swallows the label, which is then supplied
         // Past the layer's own end, or into it:
@@ -393,6 +394,10 @@ TEST(Layer, MovedFromObjectsAreEmpty)
                 [&](auto& o) { static_cast<void>(o.Receive(out)); });
     ExpectMoves(VideoScaler(kVideo.picture, {AV_PIX_FMT_RGB24, 8, 8}), AVFILTER_ERROR_VIDEO_NOT_FOUND,
                 [&](auto& o) { o.Scale(picture, out); });
+    VideoFilter filter(kVideo, "null");
+    VideoFilter& same = filter;
+    filter = std::move(same);
+    EXPECT_TRUE(filter.IsEmpty() && filter.OutputBytes() == 0);
 }
 
 // NOLINTEND(bugprone-use-after-move, clang-analyzer-cplusplus.Move)
