@@ -8,7 +8,7 @@ cd "$(dirname "$0")"
 . cmake/deps.sh
 
 preset=${1:-dev}
-packages=("${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}")
+packages=("${BUILD_PACKAGES[@]}" "${TOOL_PACKAGES[@]}" "${TEST_PACKAGES[@]}")
 [ "$preset" = clang ] && packages+=(clang)
 need_packages "${packages[@]}"
 

@@ -7,7 +7,8 @@ BUILD_PACKAGES=(
     libavcodec-dev libavdevice-dev libavfilter-dev libavformat-dev libavutil-dev
     libpostproc-dev libswresample-dev libswscale-dev
 )
-TEST_PACKAGES=(libgtest-dev)
+TOOL_PACKAGES=(libcli11-dev libfmt-dev nlohmann-json3-dev)
+TEST_PACKAGES=(libgtest-dev ffmpeg bsdutils)
 CHECK_PACKAGES=(clang clang-format clang-tidy valgrind doxygen)
 CONSUMER_PACKAGES=(make python3-numpy python3-pip python3-setuptools python3-wheel)
 

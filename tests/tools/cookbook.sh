@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# cookbook.sh TOOL MEDIA PAGE: runs every command block of the cookbook page and looks at what it makes.
+set -euo pipefail
+tool=$(realpath "$1")
+media=$(realpath "$2")
+page=$(realpath "$3")
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+mkdir "$work/bin" "$work/files"
+ln -s "$tool" "$work/bin/telvane-avfilter"
+PATH=$work/bin:$PATH
+cd "$work/files"
+while read -r name file; do
+    ln -s "$media/$file" "$name"
+done <<'LINKS'
+clip.mp4 realshort.mp4
+cam.mp4 cam.mp4
+screen.mp4 realshort.mp4
+green.mp4 green.mp4
+photo.png chelsea.png
+logo.png logo.png
+voice.wav Front_Left.wav
+other.wav Rear_Left.wav
+left.wav Front_Left.wav
+right.wav Front_Right.wav
+LINKS
+
+# One file per block, numbered.
+awk -v work="$work" '/^```sh$/ { file = sprintf("%s/%03d.sh", work, ++n); next } /^```$/ { file = "" } file { print > file }' "$page"
+blocks=0 failed=0
+for block in "$work"/*.sh; do
+    touch "$work/before"
+    if ! bash -euo pipefail "$block" >"$work/log" 2>&1; then
+        echo "FAILED: $(cat "$block" "$work/log")"
+        failed=$((failed + 1))
+    fi
+    made=$(find . -type f -newer "$work/before")
+    [[ -n $made ]] || { echo "NOTHING MADE: $(cat "$block")" && failed=$((failed + 1)); }
+    for file in $made; do
+        # Decoded to its end, without a complaint, and longer than nothing.
+        if ! frames=$(ffprobe -v error -count_frames -show_entries stream=nb_read_frames -of csv=p=0 "$file" 2>&1) ||
+            ! grep -qE '^[1-9][0-9]*,?$' <<<"$frames" || grep -qvE '^[1-9][0-9]*,?$' <<<"$frames"; then
+            echo "BAD FILE: $file: $frames: $(cat "$block")"
+            failed=$((failed + 1))
+        fi
+    done
+    blocks=$((blocks + 1))
+done
+echo "$blocks blocks, $failed failures"
+((failed == 0 && blocks >= 25))

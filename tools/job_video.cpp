@@ -1,0 +1,427 @@
+#include "jobs_common.h"
+
+extern "C" {
+#include <libavutil/pixdesc.h>
+}
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace tool
+{
+
+namespace
+{
+
+struct VideoPlan {
+    std::vector<telvane::VideoInput> inputs;
+    std::string description;
+    std::unique_ptr<OwnGraph> graph;
+    OutputVideo out;
+    bool bTimes = false; // the copy runs beside the library and tells the times of its pictures
+};
+
+std::shared_ptr<telvane::VideoMixer> MakeVideo(const VideoPlan& plan, const telvane::Size& size)
+{
+    if (plan.inputs.size() == 1 && plan.inputs[0].name == "in") {
+        return std::make_shared<telvane::VideoFilter>(plan.inputs[0].stream, plan.description, size);
+    }
+    return std::make_shared<telvane::VideoMixer>(plan.inputs, plan.description, size);
+}
+
+Json Describe(const VideoPlan& plan)
+{
+    Json json;
+    for (const auto& [name, stream] : plan.inputs) {
+        json["inputs"].push_back({{"name", name},
+                                  {"width", stream.picture.width},
+                                  {"height", stream.picture.height},
+                                  {"format", av_get_pix_fmt_name(stream.picture.format)}});
+    }
+    json["output"] = {{"width", plan.out.shown.width},
+                      {"height", plan.out.shown.height},
+                      {"format", av_get_pix_fmt_name(plan.out.stored.format)},
+                      {"rate", RateText(plan.out.rate)}};
+    return json;
+}
+
+// The common rate: the fastest input's, or the one that was asked for.
+AVRational CommonRate(const Options& options, const std::vector<VideoSource>& sources)
+{
+    AVRational rate = options.rate;
+    if (rate.num <= 0) {
+        for (const VideoSource& source : sources) {
+            if (!source.IsStill() && (rate.num <= 0 || av_cmp_q(source.NativeRate(), rate) > 0)) {
+                rate = source.NativeRate();
+            }
+        }
+    }
+    return rate.num > 0 ? rate : AVRational{25, 1};
+}
+
+VideoPlan PlanVideo(const Options& options, std::vector<VideoSource>& sources)
+{
+    VideoPlan plan;
+    const AVRational rate = CommonRate(options, sources);
+    // The library's clock has whole rates. A rate of 29.97 runs as 30 inside and is 29.97 again outside.
+    const int nRate = std::max(1, static_cast<int>(std::lround(av_q2d(rate))));
+    std::vector<AVRational> aspects;
+    for (std::size_t i = 0; i < sources.size(); ++i) {
+        sources[i].SetRate(rate);
+        sources[i].SetRange(sources[0].Colours().range);
+        aspects.push_back(sources[i].Aspect());
+        plan.inputs.push_back({options.inputs[i].name, {sources[i].Picture(), nRate}});
+    }
+    BeginStep("building the graph");
+    plan.description = options.description;
+    MakeVideo(plan, {16, 16}); // first of all the library's own answer to the description
+    const bool bSingle = plan.inputs.size() == 1 && plan.inputs[0].name == "in";
+    const std::string start = bSingle && !options.description.starts_with('[') ? "[in]" : "";
+    const auto text = WithoutOut(start + options.description);
+    const std::string asked = text.value_or(start + options.description);
+    plan.graph = std::make_unique<OwnGraph>(plan.inputs, aspects, asked + (text ? ",format=yuv420p" : ""));
+
+    plan.bTimes = plan.graph->ChangesTimes();
+    plan.out.rate = av_mul_q(plan.graph->Rate(), av_div_q(rate, {nRate, 1}));
+    plan.out.shown = plan.graph->Picture();
+    plan.out.aspect = plan.graph->Aspect();
+    plan.out.colour = sources[0].Colours();
+    plan.out.colour.space =
+        options.matrix != AVCOL_SPC_UNSPECIFIED ? options.matrix : plan.out.colour.space;
+    plan.out.colour.range =
+        options.range != AVCOL_RANGE_UNSPECIFIED ? options.range : plan.out.colour.range;
+    // The library's packed pictures lose the last chroma column or row of odd sizes: it gets even ones.
+    plan.out.stored = {AV_PIX_FMT_YUV420P, (plan.out.shown.width + 1) & ~1,
+                       (plan.out.shown.height + 1) & ~1};
+    if (text && (plan.out.stored.width != plan.out.shown.width ||
+                 plan.out.stored.height != plan.out.shown.height)) {
+        // 4:4:4, because pad rounds the picture down to whole chroma samples.
+        plan.description = fmt::format(
+            "{},format=yuv444p,pad={}:{},fillborders=right={}:bottom={}:mode=smear,format=yuv420p", asked,
+            plan.out.stored.width, plan.out.stored.height, plan.out.stored.width - plan.out.shown.width,
+            plan.out.stored.height - plan.out.shown.height);
+    }
+    return plan;
+}
+
+// Calls send(nTick) with all sources at the tick, until it returns false or the inputs end as the options
+// say. Returns the number of ticks within the inputs' length.
+template <class Send>
+int64_t RunTicks(const Options& options, std::vector<VideoSource>& sources, AVRational rate,
+                 const Send& send)
+{
+    const bool bAllStill =
+        std::all_of(sources.begin(), sources.end(), [](const auto& s) { return s.IsStill(); });
+    std::vector<bool> black(sources.size());
+    for (int64_t nTick = 0;; ++nTick) {
+        BeginStep("reading the inputs");
+        bool bAny = false;
+        bool bAll = true;
+        for (std::size_t i = 0; i < sources.size(); ++i) {
+            const bool bRuns = sources[i].At(nTick);
+            const bool bCounts = bAllStill || !sources[i].IsStill(); // a still lasts as long as the others
+            bAny = bAny || (bRuns && bCounts);
+            bAll = bAll && (bRuns || !bCounts);
+            if (!bRuns && bCounts && options.atEnd == AtEnd::kBlack && !black[i]) {
+                sources[i].Blacken();
+                black[i] = true;
+            }
+        }
+        const bool bLength = options.dLength > 0;
+        const bool bGoOn =
+            bLength && options.atEnd != AtEnd::kStop
+                ? static_cast<double>(nTick) < std::floor(options.dLength * av_q2d(rate) + 0.5)
+                : (options.atEnd == AtEnd::kStop ? bAll : bAny);
+        if (!bGoOn || IsInterrupted() || !send(nTick)) {
+            return nTick;
+        }
+    }
+}
+
+// Puts pictures on the constant rate of the output, and knows when that is full.
+class PictureWriter
+{
+  public:
+    PictureWriter(const Options& options, Output& output, AVRational rate) : m_Output(output)
+    {
+        const OutputWish& wish = options.output;
+        if (Output::FormatOf(wish.path, wish.format) == "png" &&
+            (wish.path == "-" || av_filename_number_test(wish.path.c_str()) == 0)) {
+            m_nOnly = std::llround(options.dAt * av_q2d(rate)); // one PNG holds one picture
+        }
+        if (options.dLength > 0) {
+            m_nLimit = std::llround(options.dLength * av_q2d(rate));
+        }
+    }
+    void SetLimit(int64_t n) { m_nLimit = n; }
+    int64_t Count() const { return m_nCount; }
+    bool IsFull() const { return m_nCount >= m_nLimit || (m_nOnly >= 0 && m_nCount > m_nOnly); }
+
+    // The next picture.
+    void Write(std::span<const std::byte> picture)
+    {
+        if (!IsFull()) {
+            if (m_nOnly < 0 || m_nCount == m_nOnly) {
+                m_Output.WritePicture(picture);
+            }
+            ++m_nCount;
+        }
+    }
+    // The picture of this time: those before it are shown until then.
+    void WriteAt(std::span<const std::byte> picture, int64_t nTime)
+    {
+        nTime = std::max(nTime, m_nTime);
+        m_nShown = m_Held.empty() ? 1 : nTime - m_nTime;
+        while (!m_Held.empty() && m_nCount < nTime && !IsFull()) {
+            Write(m_Held);
+        }
+        m_Held.assign(picture.begin(), picture.end());
+        m_nTime = nTime;
+    }
+    int64_t Time() const { return m_nTime; }
+    // The last picture is shown until the input's end, or for as long as the one before it.
+    void EndTimes(int64_t nInputEnd)
+    {
+        const int64_t nAsBefore = m_nTime + std::max<int64_t>(1, m_nShown);
+        const int64_t nEnd = m_nTime < nInputEnd ? std::min(nInputEnd, nAsBefore) : nAsBefore;
+        while (!m_Held.empty() && m_nCount < nEnd && !IsFull()) {
+            Write(m_Held);
+        }
+    }
+
+  private:
+    Output& m_Output;
+    int64_t m_nOnly = -1;
+    int64_t m_nCount = 0;
+    int64_t m_nLimit = std::numeric_limits<int64_t>::max();
+    std::vector<std::byte> m_Held;
+    int64_t m_nTime = 0;
+    int64_t m_nShown = 1;
+};
+
+// The copied sound, the end of the file and the report.
+Exit FinishVideo(const Options& options, const std::vector<std::unique_ptr<Input>>& inputs, Input* pPassing,
+                 const VideoPlan& plan, Output& output, const Progress& progress, bool bInputEnds)
+{
+    if (output.Pictures() == 0) {
+        throw Failure(kNothing, IsInterrupted() ? "interrupted before the first picture"
+                                                : "the description gave no picture at the time asked for");
+    }
+    const double dSeconds = static_cast<double>(output.Pictures()) / av_q2d(plan.out.rate);
+    const bool bInterrupted = IsInterrupted();
+    if (pPassing != nullptr) {
+        if (!bInterrupted) {
+            pPassing->ReadRest();
+        }
+        // Sound that is longer than the pictures stays, unless the end was asked for.
+        const bool bCut = bInterrupted || !bInputEnds;
+        output.WritePassed(pPassing->Passed(), bCut ? dSeconds : 1e18);
+    }
+    output.Finish();
+    WarnOfDamage(inputs);
+    const telvane::Size coded = output.CodedSize();
+    const bool bPadded = coded.width != plan.out.shown.width || coded.height != plan.out.shown.height;
+    Json json = Describe(plan);
+    json["pictures"] = output.Pictures();
+    json["seconds"] = dSeconds;
+    json["coded"] = {{"width", coded.width}, {"height", coded.height}};
+    json["speed"] = dSeconds / std::max(progress.Elapsed(), 1e-6);
+    json["interrupted"] = bInterrupted;
+    Report(options, json,
+           fmt::format("{}: {} pictures, {:.3f} s, {}x{}, {} a second{}{}", options.output.path,
+                       output.Pictures(), dSeconds, plan.out.shown.width, plan.out.shown.height,
+                       RateText(plan.out.rate),
+                       bPadded ? fmt::format(", stored as {}x{}: this codec has no odd sizes", coded.width,
+                                             coded.height)
+                               : "",
+                       bInterrupted ? ", interrupted" : ""));
+    return bInterrupted ? kInterrupted : kDone;
+}
+
+} // namespace
+
+Exit RunVideo(const Options& options)
+{
+    const auto inputs = OpenInputs(options, AVMEDIA_TYPE_VIDEO);
+    Input* pPassing = options.bExplain ? nullptr : ChoosePassed(options, inputs, AVMEDIA_TYPE_AUDIO);
+    std::vector<VideoSource> sources;
+    sources.reserve(inputs.size());
+    for (const auto& input : inputs) {
+        sources.emplace_back(*input);
+    }
+    VideoPlan plan = PlanVideo(options, sources);
+    if (options.bExplain) {
+        PrintExplanation(options, Describe(plan), *plan.graph);
+        return kDone;
+    }
+    if (plan.graph->Uses({"reverse"})) {
+        throw Failure(kNothing, "reverse waits for the end of the stream, which the library cannot signal");
+    }
+    const auto mixer = MakeVideo(plan, {plan.out.stored.width, plan.out.stored.height});
+    OutputWish wish = options.output;
+    wish.video = plan.out;
+    wish.pPassed = pPassing != nullptr ? pPassing->PassedStream() : nullptr;
+    Output output(wish);
+    PictureWriter writer(options, output, plan.out.rate);
+    OwnGraph& twin = *plan.graph;
+
+    std::vector<std::byte> out(mixer->OutputBytes());
+    int64_t nReceived = 0;
+    const auto receive = [&] {
+        const int64_t nBefore = nReceived;
+        while (!writer.IsFull() && mixer->Receive(out)) {
+            ++nReceived;
+            if (!plan.bTimes) {
+                writer.Write(out);
+                continue;
+            }
+            const int64_t nTime = twin.Times().empty() ? writer.Time() + 1 : twin.Times().front();
+            if (!twin.Times().empty()) {
+                twin.Times().pop_front();
+            }
+            writer.WriteAt(out, nTime);
+        }
+        return nReceived > nBefore;
+    };
+    const AVRational rate = CommonRate(options, sources);
+    Progress progress(options.bQuiet, options.dLength > 0 ? options.dLength : LongestOf(inputs));
+    const int64_t nTicks = RunTicks(options, sources, rate, [&](int64_t nTick) {
+        BeginStep("filtering");
+        for (std::size_t i = 0; i < sources.size(); ++i) {
+            const bool bTaken = !plan.bTimes || twin.Send(i, sources[i].Bytes());
+            RefuseEndless(options, twin);
+            if (bTaken) {
+                mixer->Send(i, sources[i].Bytes());
+                receive();
+            }
+        }
+        const double dTime = static_cast<double>(nTick + 1) / av_q2d(rate);
+        progress.At(dTime);
+        if (pPassing != nullptr) {
+            output.WritePassed(pPassing->Passed(), dTime);
+        }
+        return !writer.IsFull() && !twin.HasEnded();
+    });
+
+    // The length of the inputs, in pictures of the output.
+    const int64_t nSame = std::llround(static_cast<double>(nTicks) * av_q2d(plan.out.rate) / av_q2d(rate));
+
+    // What the graph still holds is pushed out by each input's last picture again.
+    if (!IsInterrupted() && !writer.IsFull()) {
+        BeginStep("bringing out the end");
+        const bool bOver = twin.HasEnded();
+        std::vector<bool> takes(sources.size());
+        for (std::size_t i = 0; i < sources.size(); ++i) {
+            takes[i] = twin.Takes(i);
+        }
+        int64_t nExpected = nSame; // pictures of the library
+        if (plan.bTimes && options.dLength <= 0) {
+            twin.End();
+            nExpected = twin.Count().value_or(nSame);
+        }
+        if (options.dLength <= 0 && (!plan.bTimes || !twin.Count())) {
+            writer.SetLimit(nSame);
+        }
+        int nPatience = 300;
+        while (nReceived < nExpected && !writer.IsFull() && !IsInterrupted() && nPatience > 0 && !bOver) {
+            for (std::size_t i = 0; i < sources.size(); ++i) {
+                if (takes[i]) {
+                    mixer->Send(i, sources[i].Bytes());
+                }
+            }
+            nPatience = receive() ? nPatience : nPatience - 1;
+        }
+        if (nPatience == 0) {
+            throw Failure(kNothing,
+                          fmt::format("the description keeps {} pictures to itself until the end of the "
+                                      "stream, which the library cannot signal",
+                                      nExpected - nReceived));
+        }
+    }
+    writer.EndTimes(nSame);
+    return FinishVideo(options, inputs, pPassing, plan, output, progress,
+                       options.dLength <= 0 && options.atEnd != AtEnd::kStop);
+}
+
+Exit RunScale(const Options& options)
+{
+    const auto inputs = OpenInputs(options, AVMEDIA_TYPE_VIDEO);
+    Input* pPassing = options.bExplain ? nullptr : ChoosePassed(options, inputs, AVMEDIA_TYPE_AUDIO);
+    std::vector<VideoSource> sources;
+    sources.emplace_back(*inputs[0]);
+    const telvane::Picture from = sources[0].Picture();
+
+    // "WxH"; a side that is -1 or missing follows the other one.
+    telvane::Size size{-1, -1};
+    const std::size_t nCross = options.size.find('x');
+    try {
+        const std::string width = options.size.substr(0, nCross);
+        const std::string height = nCross == std::string::npos ? "" : options.size.substr(nCross + 1);
+        size.width = width.empty() ? -1 : std::stoi(width);
+        size.height = height.empty() ? -1 : std::stoi(height);
+    } catch (const std::logic_error&) {
+        size = {-1, -1};
+    }
+    if (size.width < 1 && size.height < 1) {
+        throw Failure(kUsage, fmt::format("\"{}\" is no size: 640x360, 640x or x360", options.size));
+    }
+    const double dShape = static_cast<double>(from.width) / from.height;
+    if (size.width < 1) {
+        size.width = std::max(1, static_cast<int>(std::lround(size.height * dShape)));
+    } else if (size.height < 1) {
+        size.height = std::max(1, static_cast<int>(std::lround(size.width / dShape)));
+    }
+
+    VideoPlan plan;
+    const AVRational rate = CommonRate(options, sources);
+    sources[0].SetRate(rate);
+    plan.inputs.push_back({"in", {from, 1}});
+    plan.out.stored = {options.pixelFormat != AV_PIX_FMT_NONE ? options.pixelFormat : from.format,
+                       size.width, size.height};
+    plan.out.shown = size;
+    plan.out.rate = rate;
+    // A pixel has the shape that keeps the picture's.
+    plan.out.aspect = sources[0].Aspect();
+    plan.out.colour = sources[0].Colours();
+    if (options.bExplain) {
+        const Json json = Describe(plan);
+        fmt::print("{}\n", options.bJson ? json.dump(2)
+                                         : fmt::format("input  {}\noutput {}", json["inputs"][0].dump(),
+                                                       json["output"].dump()));
+        return kDone;
+    }
+    BeginStep("setting up the scaler");
+    telvane::VideoScaler scaler(from, plan.out.stored);
+    OutputWish wish = options.output;
+    wish.video = plan.out;
+    wish.pPassed = pPassing != nullptr ? pPassing->PassedStream() : nullptr;
+    Output output(wish);
+    PictureWriter writer(options, output, rate);
+    std::vector<std::byte> out(scaler.OutputBytes());
+    Progress progress(options.bQuiet, options.dLength > 0 ? options.dLength : LongestOf(inputs));
+    RunTicks(options, sources, rate, [&](int64_t nTick) {
+        BeginStep("scaling");
+        scaler.Scale(sources[0].Bytes(), out);
+        writer.Write(out);
+        const double dTime = static_cast<double>(nTick + 1) / av_q2d(rate);
+        progress.At(dTime);
+        if (pPassing != nullptr) {
+            output.WritePassed(pPassing->Passed(), dTime);
+        }
+        return !writer.IsFull();
+    });
+    return FinishVideo(options, inputs, pPassing, plan, output, progress, options.dLength <= 0);
+}
+
+Json ForeseeVideo(const Options& options)
+{
+    const auto inputs = OpenInputs(options, AVMEDIA_TYPE_VIDEO);
+    std::vector<VideoSource> sources;
+    sources.emplace_back(*inputs[0]);
+    return Describe(PlanVideo(options, sources))["output"];
+}
+
+} // namespace tool

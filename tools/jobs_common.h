@@ -1,0 +1,32 @@
+// What the sub-commands have in common.
+#pragma once
+
+#include "graph.h"
+#include "jobs.h"
+
+#include <nlohmann/json.hpp>
+
+namespace tool
+{
+
+using Json = nlohmann::ordered_json;
+
+std::string RateText(AVRational rate);
+void Report(const Options& options, const Json& json, const std::string& text);
+void WarnOfDamage(const std::vector<std::unique_ptr<Input>>& inputs);
+
+std::vector<std::unique_ptr<Input>> OpenInputs(const Options& options, AVMediaType kind);
+// The input whose other stream is copied to the output, if any.
+Input* ChoosePassed(const Options& options, const std::vector<std::unique_ptr<Input>>& inputs,
+                    AVMediaType kind);
+double LongestOf(const std::vector<std::unique_ptr<Input>>& inputs);
+
+// A description that makes more and more of what it has got needs an end that somebody sets.
+void RefuseEndless(const Options& options, const OwnGraph& graph);
+void PrintExplanation(const Options& options, Json json, const OwnGraph& graph);
+
+// What the description turns the first input into.
+Json ForeseeAudio(const Options& options);
+Json ForeseeVideo(const Options& options);
+
+} // namespace tool
