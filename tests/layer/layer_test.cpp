@@ -95,7 +95,6 @@ TEST(Layer, VideoStaysInTheBufferWhateverTheDescription)
         // Wrong:
         {"[in]split[out][out]", kByFFmpeg},
         {"hflip[x]", kByFFmpeg},
-        {"[in]hflip[out];", kByFFmpeg},
         {"[in]hflip[out]\\", kByFFmpeg},
         {" \n", kByLayer},
         {"nosuchfilter", kByFFmpeg},
