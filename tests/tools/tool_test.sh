@@ -225,8 +225,12 @@ terminal)
     same "no more than these files" "$(echo *)" "found out.wav pipe report"
     run video null "$media/realshort.mp4" -q out.y4m >report 2>&1
     same "messages in a pipe" "$(cat report)" ""
-    script -qec "'$tool' video null '$media/cam.mp4' out.mp4" /dev/null </dev/null >report
-    grep -q "times as fast as it plays" report || fail "no progress on a terminal: $(cat report)"
+    if script -qec true /dev/null </dev/null >report 2>&1; then
+        script -qec "'$tool' video null '$media/cam.mp4' out.mp4" /dev/null </dev/null >report
+        grep -q "times as fast as it plays" report || fail "no progress on a terminal: $(cat report)"
+    else
+        echo "This system has no pseudo-terminals: progress on a terminal was not looked at"
+    fi
     ;;
 *)
     fail "no test is called $name"
