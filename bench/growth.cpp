@@ -169,7 +169,8 @@ void Register(const std::string& szName, const std::function<void(benchmark::Sta
 void RegisterGrowth()
 {
     const int nSamples = g_bQuick ? 5 : 101;
-    const std::vector<int> vec_Live = g_bQuick ? std::vector{1, 100} : std::vector{1, 10, 100, 1000, 10000};
+    const std::vector<int> vec_Live =
+        g_bQuick ? std::vector{1, 100} : std::vector{1, 10, 100, 1000, 10000, 100000};
     for (const int nLive : vec_Live) {
         for (const Maker& maker : {LibraryGraphs(), FfmpegGraphs()}) {
             // More threads than a thousand graphs start are more than most systems let a process have.

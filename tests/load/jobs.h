@@ -4,6 +4,7 @@
 
 #include "Telvane_AVFilter.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -38,72 +39,100 @@ inline void Fill(std::vector<unsigned char>& bytes, unsigned nSeed)
     }
 }
 
-// Every job has a name, a constructor that makes the handle, Convert for one round of work, with the
-// result in Output, and a destructor that ends the handle. One job of each family has DestroyNothing,
-// the shortest call that takes the family's lock alone.
+// A handle of a family with what its last conversion gave.
+template <bool (*Destroy)(unsigned long long)>
+class Owner
+{
+  public:
+    Owner(const Owner&) = delete;
+    Owner& operator=(const Owner&) = delete;
 
-class AudioFilterJob
+    std::vector<unsigned char> Output() const { return {m_Output.begin(), m_Output.begin() + m_nLen}; }
+    // The shortest call that takes the family's lock alone.
+    static void DestroyNothing() { Demand(Destroy(0), "destroy"); }
+
+  protected:
+    Owner(std::size_t nOutput, unsigned nSeed) : m_nSeed(nSeed), m_Output(nOutput) {}
+    ~Owner() { Demand(Destroy(m_hHandle), "destroy"); }
+
+    unsigned long long m_hHandle = 0;
+    unsigned m_nSeed;
+    std::vector<unsigned char> m_Output;
+    int m_nLen = 0;
+};
+
+// Two inputs of a mix, "a" and "b".
+template <class Info>
+struct Pair {
+    Info st_Infos[2]{};
+    Info* pInfos[2] = {&st_Infos[0], &st_Infos[1]};
+    Info** ppInfo = pInfos;
+
+    explicit Pair(Info st_Info)
+    {
+        for (int i = 0; i < 2; ++i) {
+            st_Infos[i] = st_Info;
+            st_Infos[i].szName[0] = i == 0 ? 'a' : 'b';
+            st_Infos[i].nInputId = i;
+        }
+    }
+};
+
+inline AVFILTER_AUDIO_INFO AudioInfo(Size size)
+{
+    AVFILTER_AUDIO_INFO st_Info{};
+    st_Info.nSampleFormat = 1;
+    st_Info.nSampleRate = 48000;
+    st_Info.nNbSamples = size.nSamples;
+    st_Info.nChannels = 2;
+    return st_Info;
+}
+
+inline AVFILTER_VIDEO_INFO VideoInfo(Size size)
+{
+    AVFILTER_VIDEO_INFO st_Info{};
+    st_Info.nWidth = size.nWidth;
+    st_Info.nHeight = size.nHeight;
+    st_Info.nTimeBase = 25;
+    return st_Info;
+}
+
+// Every job has a name, a constructor that makes the handle, and Convert for one round of work.
+
+class AudioFilterJob : public Owner<AVFilter_Audio_Destroy>
 {
   public:
     static constexpr const char* kName = "audio filter";
     // The samples handed in are not read, so the graph makes its own.
-    AudioFilterJob(Size size, unsigned nSeed) : m_Output(static_cast<std::size_t>(size.nSamples) * 8)
+    AudioFilterJob(Size size, unsigned nSeed) : Owner(static_cast<std::size_t>(size.nSamples) * 8, nSeed)
     {
-        AVFILTER_AUDIO_INFO st_Info{};
-        st_Info.nSampleFormat = 1;
-        st_Info.nSampleRate = 48000;
-        st_Info.nNbSamples = size.nSamples;
-        st_Info.nChannels = 2;
+        AVFILTER_AUDIO_INFO st_Info = AudioInfo(size);
         const std::string description =
             "[in]anullsink;sine=frequency=" + std::to_string(200 + nSeed % 1000) +
             ":samples_per_frame=" + std::to_string(size.nSamples) +
             ",aformat=sample_fmts=s16:channel_layouts=stereo[out]";
         Demand(AVFilter_Audio_Init(&m_hHandle, description.c_str(), &st_Info), kName);
     }
-    ~AudioFilterJob() { Demand(AVFilter_Audio_Destroy(m_hHandle), kName); }
-    AudioFilterJob(const AudioFilterJob&) = delete;
-    AudioFilterJob& operator=(const AudioFilterJob&) = delete;
-
     void Convert()
     {
         unsigned char unread = 0;
         Demand(AVFilter_Audio_Cvt(m_hHandle, &unread, 1, m_Output.data(), &m_nLen), kName);
     }
-    std::vector<unsigned char> Output() const { return {m_Output.begin(), m_Output.begin() + m_nLen}; }
-
-  private:
-    unsigned long long m_hHandle = 0;
-    std::vector<unsigned char> m_Output;
-    int m_nLen = 0;
 };
 
-class AudioMixJob
+class AudioMixJob : public Owner<AVFilter_Audio_MIXDestroy>
 {
   public:
     static constexpr const char* kName = "audio";
     AudioMixJob(Size size, unsigned nSeed)
-        : m_nSeed(nSeed), m_Input(static_cast<std::size_t>(size.nSamples) * 4), m_Output(m_Input.size() * 2)
+        : Owner(static_cast<std::size_t>(size.nSamples) * 8, nSeed), m_Input(m_Output.size() / 2)
     {
-        AVFILTER_AUDIO_INFO st_Infos[2]{};
-        AVFILTER_AUDIO_INFO* pInfos[2] = {&st_Infos[0], &st_Infos[1]};
-        for (int i = 0; i < 2; ++i) {
-            st_Infos[i].szName[0] = i == 0 ? 'a' : 'b';
-            st_Infos[i].nSampleFormat = 1;
-            st_Infos[i].nSampleRate = 48000;
-            st_Infos[i].nNbSamples = size.nSamples;
-            st_Infos[i].nChannels = 2;
-            st_Infos[i].nInputId = i;
-        }
-        AVFILTER_AUDIO_INFO** ppInfo = pInfos;
-        Demand(AVFilter_Audio_MIXInit(&m_hHandle, &ppInfo, 2, "out",
+        Pair inputs(AudioInfo(size));
+        Demand(AVFilter_Audio_MIXInit(&m_hHandle, &inputs.ppInfo, 2, "out",
                                       "[a][b]amix=inputs=2:normalize=0,aformat=sample_fmts=s16[out]"),
                kName);
         Fill(m_Input, nSeed);
     }
-    ~AudioMixJob() { Demand(AVFilter_Audio_MIXDestroy(m_hHandle), kName); }
-    AudioMixJob(const AudioMixJob&) = delete;
-    AudioMixJob& operator=(const AudioMixJob&) = delete;
-
     void Convert()
     {
         m_Input[0] = static_cast<unsigned char>(++m_nSeed);
@@ -112,19 +141,12 @@ class AudioMixJob
         Demand(AVFilter_Audio_MIXSend(m_hHandle, 1, m_Input.data(), nSize), kName);
         Demand(AVFilter_Audio_MIXRecv(m_hHandle, m_Output.data(), &m_nLen), kName);
     }
-    std::vector<unsigned char> Output() const { return {m_Output.begin(), m_Output.begin() + m_nLen}; }
-
-    static void DestroyNothing() { Demand(AVFilter_Audio_MIXDestroy(0), kName); }
 
   private:
-    unsigned long long m_hHandle = 0;
-    unsigned m_nSeed;
     std::vector<unsigned char> m_Input;
-    std::vector<unsigned char> m_Output;
-    int m_nLen = 0;
 };
 
-// The three planes of a 4:2:0 picture.
+// A 4:2:0 picture, the first byte another one each time.
 class Picture
 {
   public:
@@ -133,136 +155,114 @@ class Picture
     {
         Fill(m_Bytes, nSeed);
     }
-    unsigned char* Plane(int i)
+    unsigned char* Next(unsigned nSeed)
     {
-        return m_Bytes.data() + (i == 0 ? 0 : m_nLuma) + (i == 2 ? m_nLuma / 4 : 0);
+        m_Bytes[0] = static_cast<unsigned char>(nSeed);
+        return m_Bytes.data();
     }
-    int PlaneSize(int i) const { return i == 0 ? m_nLuma : m_nLuma / 4; }
-    std::size_t Bytes() const { return m_Bytes.size(); }
+    unsigned char* U() { return m_Bytes.data() + m_nLuma; }
+    unsigned char* V() { return U() + m_nLuma / 4; }
+    int Luma() const { return m_nLuma; }
 
   private:
     int m_nLuma;
     std::vector<unsigned char> m_Bytes;
 };
 
-class VideoFilterJob
+inline std::size_t PictureBytes(Size size)
+{
+    return static_cast<std::size_t>(size.nWidth * size.nHeight) * 3 / 2;
+}
+
+class VideoFilterJob : public Owner<AVFilter_Video_Destroy>
 {
   public:
     static constexpr const char* kName = "video";
-    VideoFilterJob(Size size, unsigned nSeed)
-        : m_nSeed(nSeed), m_Picture(size, nSeed), m_Output(m_Picture.Bytes())
+    VideoFilterJob(Size size, unsigned nSeed) : Owner(PictureBytes(size), nSeed), m_Picture(size, nSeed)
     {
-        AVFILTER_VIDEO_INFO st_Info{};
-        st_Info.nWidth = size.nWidth;
-        st_Info.nHeight = size.nHeight;
-        st_Info.nTimeBase = 25;
+        AVFILTER_VIDEO_INFO st_Info = VideoInfo(size);
         Demand(AVFilter_Video_Init(&m_hHandle, "[in]hflip,negate,format=yuv420p[out]", &st_Info), kName);
     }
-    ~VideoFilterJob() { Demand(AVFilter_Video_Destroy(m_hHandle), kName); }
-    VideoFilterJob(const VideoFilterJob&) = delete;
-    VideoFilterJob& operator=(const VideoFilterJob&) = delete;
-
     void Convert()
     {
-        *m_Picture.Plane(0) = static_cast<unsigned char>(++m_nSeed);
-        Demand(AVFilter_Video_Cvt(m_hHandle, m_Picture.Plane(0), m_Picture.Plane(1), m_Picture.Plane(2),
-                                  m_Picture.PlaneSize(0), m_Picture.PlaneSize(1), m_Picture.PlaneSize(2),
-                                  m_Output.data(), &m_nLen),
+        const int n = m_Picture.Luma();
+        Demand(AVFilter_Video_Cvt(m_hHandle, m_Picture.Next(++m_nSeed), m_Picture.U(), m_Picture.V(), n,
+                                  n / 4, n / 4, m_Output.data(), &m_nLen),
                kName);
     }
-    std::vector<unsigned char> Output() const { return {m_Output.begin(), m_Output.begin() + m_nLen}; }
 
   private:
-    unsigned long long m_hHandle = 0;
-    unsigned m_nSeed;
     Picture m_Picture;
-    std::vector<unsigned char> m_Output;
-    int m_nLen = 0;
 };
 
-class VideoMixJob
+class VideoMixJob : public Owner<AVFilter_Video_MIXDestroy>
 {
   public:
     static constexpr const char* kName = "video mix";
-    VideoMixJob(Size size, unsigned nSeed)
-        : m_nSeed(nSeed), m_Picture(size, nSeed), m_Output(m_Picture.Bytes() * 2)
+    VideoMixJob(Size size, unsigned nSeed) : Owner(PictureBytes(size) * 2, nSeed), m_Picture(size, nSeed)
     {
-        AVFILTER_VIDEO_INFO st_Infos[2]{};
-        AVFILTER_VIDEO_INFO* pInfos[2] = {&st_Infos[0], &st_Infos[1]};
-        for (int i = 0; i < 2; ++i) {
-            st_Infos[i].szName[0] = i == 0 ? 'a' : 'b';
-            st_Infos[i].nWidth = size.nWidth;
-            st_Infos[i].nHeight = size.nHeight;
-            st_Infos[i].nTimeBase = 25;
-            st_Infos[i].nInputId = i;
-        }
-        AVFILTER_VIDEO_INFO** ppInfo = pInfos;
-        Demand(AVFilter_Video_MIXInit(&m_hHandle, &ppInfo, 2, "out", "[a][b]hstack,format=yuv420p[out]"),
+        Pair inputs(VideoInfo(size));
+        Demand(AVFilter_Video_MIXInit(&m_hHandle, &inputs.ppInfo, 2, "out",
+                                      "[a][b]hstack,format=yuv420p[out]"),
                kName);
     }
-    ~VideoMixJob() { Demand(AVFilter_Video_MIXDestroy(m_hHandle), kName); }
-    VideoMixJob(const VideoMixJob&) = delete;
-    VideoMixJob& operator=(const VideoMixJob&) = delete;
-
     void Convert()
     {
-        *m_Picture.Plane(0) = static_cast<unsigned char>(++m_nSeed);
+        const int n = m_Picture.Luma();
+        unsigned char* pY = m_Picture.Next(++m_nSeed);
         for (int nInput = 0; nInput < 2; ++nInput) {
-            Demand(AVFilter_Video_MIXSend(m_hHandle, nInput, m_Picture.Plane(0), m_Picture.Plane(1),
-                                          m_Picture.Plane(2), m_Picture.PlaneSize(0),
-                                          m_Picture.PlaneSize(1), m_Picture.PlaneSize(2)),
+            Demand(AVFilter_Video_MIXSend(m_hHandle, nInput, pY, m_Picture.U(), m_Picture.V(), n, n / 4,
+                                          n / 4),
                    kName);
         }
         Demand(AVFilter_Video_MIXRecv(m_hHandle, m_Output.data(), &m_nLen), kName);
     }
-    std::vector<unsigned char> Output() const { return {m_Output.begin(), m_Output.begin() + m_nLen}; }
-
-    static void DestroyNothing() { Demand(AVFilter_Video_MIXDestroy(0), kName); }
 
   private:
-    unsigned long long m_hHandle = 0;
-    unsigned m_nSeed;
     Picture m_Picture;
-    std::vector<unsigned char> m_Output;
-    int m_nLen = 0;
 };
 
-class ScaleJob
+class ScaleJob : public Owner<AVFilter_VideoScale_Destory>
 {
   public:
     static constexpr const char* kName = "scaling";
     // 4:2:0 to half the size.
-    ScaleJob(Size size, unsigned nSeed)
-        : m_nSeed(nSeed), m_Picture(size, nSeed), m_Output(m_Picture.Bytes())
+    ScaleJob(Size size, unsigned nSeed) : Owner(PictureBytes(size), nSeed), m_Picture(size, nSeed)
     {
         Demand(AVFilter_VideoScale_Init(&m_hHandle), kName);
         Demand(AVFilter_VideoScale_Set(m_hHandle, 0, size.nWidth, size.nHeight, 0, size.nWidth / 2,
                                        size.nHeight / 2),
                kName);
     }
-    ~ScaleJob() { Demand(AVFilter_VideoScale_Destory(m_hHandle), kName); }
-    ScaleJob(const ScaleJob&) = delete;
-    ScaleJob& operator=(const ScaleJob&) = delete;
-
     void Convert()
     {
-        *m_Picture.Plane(0) = static_cast<unsigned char>(++m_nSeed);
         m_nLen = static_cast<int>(m_Output.size());
-        const auto* pSource = static_cast<const void*>(m_Picture.Plane(0));
+        const auto* pSource = static_cast<const void*>(m_Picture.Next(++m_nSeed));
         Demand(
             AVFilter_VideoScale_Fmt(m_hHandle, static_cast<const char*>(pSource), m_Output.data(), &m_nLen),
             kName);
     }
-    std::vector<unsigned char> Output() const { return {m_Output.begin(), m_Output.begin() + m_nLen}; }
-
-    static void DestroyNothing() { Demand(AVFilter_VideoScale_Destory(0), kName); }
 
   private:
-    unsigned long long m_hHandle = 0;
-    unsigned m_nSeed;
     Picture m_Picture;
-    std::vector<unsigned char> m_Output;
-    int m_nLen = 0;
 };
+
+using Outputs = std::vector<std::vector<unsigned char>>;
+
+// What one handle gives in so many calls.
+template <class Job>
+Outputs Run(Size size, unsigned nSeed, int nCalls)
+{
+    Job job(size, nSeed);
+    Outputs outputs;
+    for (int i = 0; i < nCalls; ++i) {
+        job.Convert();
+        outputs.push_back(job.Output());
+    }
+    return outputs;
+}
+
+constexpr std::array<Outputs (*)(Size, unsigned, int), 5> kJobs{
+    Run<AudioFilterJob>, Run<AudioMixJob>, Run<VideoFilterJob>, Run<VideoMixJob>, Run<ScaleJob>};
 
 } // namespace load

@@ -26,24 +26,8 @@ constexpr unsigned kThreads = 8;
 constexpr int kRounds = 12;
 constexpr int kCalls = 6;
 
-using Outputs = std::vector<std::vector<unsigned char>>;
-
-// What one handle gives in kCalls calls.
-template <class Job>
-Outputs Run(unsigned nSeed)
-{
-    Job job(kSize, nSeed);
-    Outputs outputs;
-    for (int i = 0; i < kCalls; ++i) {
-        job.Convert();
-        outputs.push_back(job.Output());
-    }
-    return outputs;
-}
-
-constexpr std::array<Outputs (*)(unsigned), 5> kJobs{Run<load::AudioFilterJob>, Run<load::AudioMixJob>,
-                                                     Run<load::VideoFilterJob>, Run<load::VideoMixJob>,
-                                                     Run<load::ScaleJob>};
+using load::kJobs;
+using load::Outputs;
 
 bool IsAnyOf(unsigned long long nCode, std::initializer_list<unsigned long long> codes)
 {
@@ -93,14 +77,14 @@ TEST(Races, EveryThreadGetsItsOwnResults)
     };
     onAllThreads([&](unsigned t) {
         for (std::size_t k = 0; k < kJobs.size(); ++k) {
-            early[t][k] = kJobs[k](t);
+            early[t][k] = kJobs[k](kSize, t, kCalls);
         }
     });
 
     std::array<std::array<Outputs, kJobs.size()>, kThreads> alone;
     for (unsigned t = 0; t < kThreads; ++t) {
         for (std::size_t k = 0; k < kJobs.size(); ++k) {
-            alone[t][k] = kJobs[k](t);
+            alone[t][k] = kJobs[k](kSize, t, kCalls);
             EXPECT_EQ(early[t][k], alone[t][k]) << "job " << k << ", thread " << t;
         }
     }
@@ -112,7 +96,7 @@ TEST(Races, EveryThreadGetsItsOwnResults)
             // Each thread starts elsewhere, so that families meet themselves and one another.
             for (std::size_t k = 0; k < kJobs.size(); ++k) {
                 const std::size_t nJob = (k + t) % kJobs.size();
-                nWrong += kJobs[nJob](t) == alone[t][nJob] ? 0 : 1;
+                nWrong += kJobs[nJob](kSize, t, kCalls) == alone[t][nJob] ? 0 : 1;
                 nWrong += Fail();
             }
         }
