@@ -33,3 +33,9 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   file(CHMOD ${directory}/changelog.gz ${directory}/copyright
     PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 endforeach()
+
+# Manual pages are installed as they are, and compressed in packages.
+file(GLOB_RECURSE pages ${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/man/*.[1-9])
+if(pages)
+  execute_process(COMMAND gzip -9nf ${pages} COMMAND_ERROR_IS_FATAL ANY)
+endif()

@@ -41,6 +41,20 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS libavutil-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
 "${description}\n.\nThis package holds the headers and what pkg-config and CMake need.")
 
+if(TELVANE_BUILD_TOOLS)
+  list(APPEND CPACK_COMPONENTS_ALL tools)
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME telvane-avfilter)
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION video)
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
+  # The library is no installed package when the dependencies are looked up.
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/lib)
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
+    "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION})")
+  set(CPACK_DEBIAN_TOOLS_DESCRIPTION
+"${description}\n.\nThis package holds the command telvane-avfilter, which does these jobs
+on media files.")
+endif()
+
 # Each package's documents, written when the packages are made.
 set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/cpack-documents.cmake)
 set(CPACK_telvane_sources ${CMAKE_CURRENT_LIST_DIR})

@@ -13,19 +13,19 @@ base=$PWD/build/bare-$release
 used=$base-used
 version=$(sed -n 's/^#define TELVANE_AVFILTER_VERSION_[MP][A-Z]* //p' include/Telvane_AVFilter.h | paste -sd.)
 
-need_packages "${BUILD_PACKAGES[@]}" debootstrap dpkg-dev file lintian
+need_packages "${BUILD_PACKAGES[@]}" "${TOOL_PACKAGES[@]}" debootstrap dpkg-dev file lintian
 
 echo "== packages"
 eval "$(DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --export=sh)"
 cmake -S . -B "$build" -G Ninja --log-level=WARNING -DCMAKE_BUILD_TYPE=None -DCMAKE_INSTALL_PREFIX=/usr \
-    -DCMAKE_SKIP_INSTALL_RPATH=ON -DTELVANE_BUILD_TESTS=OFF -DTELVANE_BUILD_EXAMPLES=OFF
+    -DCMAKE_SKIP_INSTALL_RPATH=ON -DTELVANE_BUILD_TESTS=OFF -DTELVANE_BUILD_EXAMPLES=OFF -DTELVANE_BUILD_TOOLS=ON
 cmake --build "$build" | tail -n 1
 rm -f "$build"/*.deb
 (cd "$build" && cpack >cpack.log 2>&1) || {
     cat "$build/cpack.log" >&2
     exit 1
 }
-packages=("$build"/libtelvane-avfilter*_"$version"_*.deb)
+packages=("$build"/*telvane-avfilter*_"$version"_*.deb)
 printf '%s\n' "${packages[@]##*/}"
 
 echo "== lintian"
@@ -49,10 +49,16 @@ in_bare "$used" bash -euo pipefail -c "
     fi
     ldconfig -p | grep Telvane
     /source/tests/consumers/use.sh /usr c
+
+    # Ten pictures of nothing, mirrored and coded; and the page that says how.
+    head -c 46080 /dev/zero | telvane-avfilter video hflip - /made.mp4 --from rawvideo:video_size=64x48
+    telvane-avfilter probe /made.mp4 | grep '64x48, yuv420p'
+    zgrep -q telvane-avfilter /usr/share/man/man1/telvane-avfilter.1.gz
+
     $get install cmake g++ libavutil-dev make python3-numpy python3-pip python3-setuptools python3-wheel >/dev/null
     /source/tests/consumers/use.sh /usr cpp python
 
-    $get purge '^libtelvane-.*' >/dev/null
+    $get purge '^libtelvane-.*' telvane-avfilter >/dev/null
     if ldconfig -p | grep Telvane || find /usr -iname '*telvane*' | grep .; then
         echo 'these stayed when the packages went' >&2
         exit 1

@@ -1,5 +1,5 @@
 // telvane-avfilter: filters, mixes and scales media files with the library.
-#include "jobs.h"
+#include "jobs_common.h"
 
 #include "support.h"
 
@@ -10,7 +10,6 @@ extern "C" {
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cstdio>
@@ -48,16 +47,14 @@ int Report(const Arguments& arguments, Exit exit, const std::string& what, unsig
 {
     const std::string line = LastLogLine();
     if (arguments.options.bJson) {
-        nlohmann::ordered_json json{
-            {"exit", static_cast<int>(exit)}, {"step", CurrentStep()}, {"error", what}};
+        Json json{{"exit", static_cast<int>(exit)}, {"step", CurrentStep()}, {"error", what}};
         if (nCode != 0) {
             json["code"] = fmt::format("0x{:X}", nCode);
         }
         if (!line.empty()) {
             json["ffmpeg"] = line;
         }
-        fmt::print(stderr, "{}\n",
-                   json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+        fmt::print(stderr, "{}\n", InJson(json));
     } else {
         fmt::print(stderr, "telvane-avfilter: {}: {}\n", CurrentStep(), what);
         if (!line.empty()) {

@@ -230,8 +230,8 @@ Exit RunAudio(const Options& options)
     json["speed"] = dTime / std::max(progress.Elapsed(), 1e-6);
     json["interrupted"] = bInterrupted;
     Report(options, json,
-           fmt::format("{}: {:.3f} s, {} Hz, {} channels{}", options.output.path, dSeconds, plan.out.rate,
-                       plan.out.channels, bInterrupted ? ", interrupted" : ""));
+           fmt::format("{}: {:.3f} s, {} Hz, {}{}", options.output.path, dSeconds, plan.out.rate,
+                       Count(plan.out.channels, "channel"), bInterrupted ? ", interrupted" : ""));
     return bInterrupted ? kInterrupted : kDone;
 }
 

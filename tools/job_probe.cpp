@@ -43,7 +43,7 @@ Exit RunProbe(const Options& options, const std::string& audio, const std::strin
             if (stream.duration != AV_NOPTS_VALUE) {
                 entry["seconds"] = static_cast<double>(stream.duration) * av_q2d(stream.time_base);
             }
-            text += "\n  " + entry.dump();
+            text += fmt::format("\n  {}: {}", entry["kind"].get<std::string>(), InWords(entry));
             json["streams"].push_back(entry);
         }
     }
@@ -54,14 +54,14 @@ Exit RunProbe(const Options& options, const std::string& audio, const std::strin
     if (!audio.empty()) {
         planned.description = audio;
         json["audio"] = ForeseeAudio(planned);
-        text += "\naudio becomes " + json["audio"].dump();
+        text += "\nthe sound becomes: " + InWords(json["audio"]);
     }
     if (!video.empty()) {
         planned.description = video;
         json["video"] = ForeseeVideo(planned);
-        text += "\nvideo becomes " + json["video"].dump();
+        text += "\nthe pictures become: " + InWords(json["video"]);
     }
-    fmt::print("{}\n", options.bJson ? json.dump(2) : text);
+    fmt::print("{}\n", options.bJson ? InJson(json) : text);
     return kDone;
 }
 

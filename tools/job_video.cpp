@@ -230,14 +230,16 @@ Exit FinishVideo(const Options& options, const std::vector<std::unique_ptr<Input
     json["coded"] = {{"width", coded.width}, {"height", coded.height}};
     json["speed"] = dSeconds / std::max(progress.Elapsed(), 1e-6);
     json["interrupted"] = bInterrupted;
-    Report(options, json,
-           fmt::format("{}: {} pictures, {:.3f} s, {}x{}, {} a second{}{}", options.output.path,
-                       output.Pictures(), dSeconds, plan.out.shown.width, plan.out.shown.height,
-                       RateText(plan.out.rate),
-                       bPadded ? fmt::format(", stored as {}x{}: this codec has no odd sizes", coded.width,
-                                             coded.height)
-                               : "",
-                       bInterrupted ? ", interrupted" : ""));
+    std::string text =
+        fmt::format("{}: {}, {}x{}", options.output.path, Count(output.Pictures(), "picture"),
+                    plan.out.shown.width, plan.out.shown.height);
+    if (output.Pictures() > 1) {
+        text += fmt::format(", {:.3f} s, {:.5g} a second", dSeconds, av_q2d(plan.out.rate));
+    }
+    if (bPadded) {
+        text += fmt::format(", stored as {}x{}: this codec has no odd sizes", coded.width, coded.height);
+    }
+    Report(options, json, text + (bInterrupted ? ", interrupted" : ""));
     return bInterrupted ? kInterrupted : kDone;
 }
 
@@ -388,9 +390,9 @@ Exit RunScale(const Options& options)
     plan.out.colour = sources[0].Colours();
     if (options.bExplain) {
         const Json json = Describe(plan);
-        fmt::print("{}\n", options.bJson ? json.dump(2)
-                                         : fmt::format("input  {}\noutput {}", json["inputs"][0].dump(),
-                                                       json["output"].dump()));
+        fmt::print("{}\n", options.bJson ? InJson(json)
+                                         : fmt::format("input: {}\noutput: {}", InWords(json["inputs"][0]),
+                                                       InWords(json["output"])));
         return kDone;
     }
     BeginStep("setting up the scaler");

@@ -13,12 +13,46 @@ std::string RateText(AVRational rate)
     return rate.den == 1 ? fmt::format("{}", rate.num) : fmt::format("{}/{}", rate.num, rate.den);
 }
 
+std::string Count(int64_t n, const char* szOne)
+{
+    return fmt::format("{} {}{}", n, szOne, n == 1 ? "" : "s");
+}
+
+std::string InJson(const Json& json)
+{
+    return json.dump(2, ' ', false, Json::error_handler_t::replace);
+}
+
+std::string InWords(const Json& stream)
+{
+    std::string text;
+    const auto add = [&text](const std::string& part) { text += (text.empty() ? "" : ", ") + part; };
+    if (stream.contains("codec")) {
+        add(stream["codec"].get<std::string>());
+    }
+    if (stream.contains("width")) {
+        add(fmt::format("{}x{}, {}", stream["width"].get<int>(), stream["height"].get<int>(),
+                        stream["format"].get<std::string>()));
+        if (stream.contains("rate")) {
+            add(stream["rate"].get<std::string>() + " pictures a second");
+        }
+    } else if (stream.contains("channels")) {
+        add(fmt::format("{} Hz, {}, {}", stream["rate"].get<int>(),
+                        Count(stream["channels"].get<int>(), "channel"),
+                        stream["format"].get<std::string>()));
+    }
+    if (stream.contains("seconds")) {
+        add(fmt::format("{:.3f} s", stream["seconds"].get<double>()));
+    }
+    return text;
+}
+
 void Report(const Options& options, const Json& json, const std::string& text)
 {
     // A pipe that carries the result carries nothing else.
     std::FILE* pTo = options.output.path == "-" ? stderr : stdout;
     if (options.bJson) {
-        fmt::print(pTo, "{}\n", json.dump(2));
+        fmt::print(pTo, "{}\n", InJson(json));
     } else if (!options.bQuiet) {
         fmt::print(pTo, "{}\n", text);
     }
@@ -87,10 +121,10 @@ void PrintExplanation(const Options& options, Json json, const OwnGraph& graph)
     json["graph"] = graph.Dump();
     std::string text = graph.Dump();
     for (const Json& input : json["inputs"]) {
-        text += fmt::format("input  {}\n", input.dump());
+        text += fmt::format("input \"{}\": {}\n", input["name"].get<std::string>(), InWords(input));
     }
-    text += fmt::format("output {}", json["output"].dump());
-    fmt::print("{}\n", options.bJson ? json.dump(2) : text);
+    text += "output: " + InWords(json["output"]);
+    fmt::print("{}\n", options.bJson ? InJson(json) : text);
 }
 
 } // namespace tool

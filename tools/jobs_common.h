@@ -12,6 +12,12 @@ namespace tool
 using Json = nlohmann::ordered_json;
 
 std::string RateText(AVRational rate);
+// Names of files need not be UTF-8: what is not is replaced.
+std::string InJson(const Json& json);
+// A stream's JSON as a reader wants it.
+std::string InWords(const Json& stream);
+// "1 picture", "2 pictures".
+std::string Count(int64_t n, const char* szOne);
 void Report(const Options& options, const Json& json, const std::string& text);
 void WarnOfDamage(const std::vector<std::unique_ptr<Input>>& inputs);
 

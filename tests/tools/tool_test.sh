@@ -170,7 +170,7 @@ probe)
         grep -qF "$text" flat || fail "$text is not in $(cat report)"
     done
     run video --explain hflip,scale=100:50 "$media/cam.mp4" not-made.mp4 >graph
-    for text in '(hflip)' '100x50' '(buffersink)' '"format":"yuv420p","rate":"20"'; do
+    for text in '(hflip)' '100x50' '(buffersink)' 'input "in": 320x180, yuv444p' 'output: 100x50, yuv420p, 20 pictures a second'; do
         grep -qF "$text" graph || fail "$text is not in $(cat graph)"
     done
     [[ ! -e not-made.mp4 ]] || fail "an explanation made a file"
