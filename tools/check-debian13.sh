@@ -9,13 +9,19 @@ cd "$(dirname "$0")/.."
 . cmake/deps.sh
 . tools/bare-debian.sh
 
-need_packages debootstrap
+need_packages debootstrap ffmpeg
 folder=$PWD/build/debian13
 bare_debian trixie "$folder"
 
 # Files that have left the tree must leave the copy; what was built stays.
 find "$folder/src/telvane" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} + 2>/dev/null || true
 copy_tree "$folder/src/telvane"
+
+# Debian 13 has no package with the clips of the tool's tests any more: they come from this Debian 12.
+tests/tools/media.sh build/media
+media=$folder/src/telvane/build/${1:-dev}/media
+mkdir -p "$media"
+cp -a build/media/. "$media"
 
 # shellcheck disable=SC2016  # expanded inside
 in_bare "$folder" bash -c '

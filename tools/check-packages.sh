@@ -53,7 +53,7 @@ in_bare "$used" bash -euo pipefail -c "
     # Ten pictures of nothing, mirrored and coded; and the page that says how.
     head -c 46080 /dev/zero | telvane-avfilter video hflip - /made.mp4 --from rawvideo:video_size=64x48
     telvane-avfilter probe /made.mp4 | grep '64x48, yuv420p'
-    zgrep -q telvane-avfilter /usr/share/man/man1/telvane-avfilter.1.gz
+    zgrep -q SYNOPSIS /usr/share/man/man1/telvane-avfilter.1.gz
 
     $get install cmake g++ libavutil-dev make python3-numpy python3-pip python3-setuptools python3-wheel >/dev/null
     /source/tests/consumers/use.sh /usr cpp python
