@@ -45,19 +45,19 @@ struct Arguments {
 
 int Report(const Arguments& arguments, Exit exit, const std::string& what, unsigned long long nCode)
 {
-    const std::string line = LastLogLine();
+    const std::vector<std::string> lines = LogLines();
     if (arguments.options.bJson) {
         Json json{{"exit", static_cast<int>(exit)}, {"step", CurrentStep()}, {"error", what}};
         if (nCode != 0) {
             json["code"] = fmt::format("0x{:X}", nCode);
         }
-        if (!line.empty()) {
-            json["ffmpeg"] = line;
+        if (!lines.empty()) {
+            json["ffmpeg"] = lines;
         }
         fmt::print(stderr, "{}\n", InJson(json));
     } else {
         fmt::print(stderr, "telvane-avfilter: {}: {}\n", CurrentStep(), what);
-        if (!line.empty()) {
+        for (const std::string& line : lines) {
             fmt::print(stderr, "  FFmpeg: {}\n", line);
         }
     }
@@ -256,6 +256,9 @@ int Run(int argc, char** argv)
                : pChosen == pScale                         ? RunScale(options)
                                    : RunProbe(options, arguments.probeAudio, arguments.probeVideo);
     } catch (const Failure& failure) {
+        if (IsInterrupted()) {
+            return Report(arguments, kInterrupted, "interrupted before there was anything to keep", 0);
+        }
         return Report(arguments, failure.ExitCode(), failure.what(), 0);
     } catch (const telvane::Error& error) {
         return Report(arguments, kGraph,

@@ -207,8 +207,7 @@ Exit FinishVideo(const Options& options, const std::vector<std::unique_ptr<Input
                  const VideoPlan& plan, Output& output, const Progress& progress, bool bInputEnds)
 {
     if (output.Pictures() == 0) {
-        throw Failure(kNothing, IsInterrupted() ? "interrupted before the first picture"
-                                                : "the description gave no picture at the time asked for");
+        throw Failure(kNothing, "the description gave no picture at the time asked for");
     }
     const double dSeconds = static_cast<double>(output.Pictures()) / av_q2d(plan.out.rate);
     const bool bInterrupted = IsInterrupted();

@@ -61,7 +61,9 @@ void OnLog(void* pContext, int nLevel, const char* szFormat, va_list args)
         line.pop_back();
     }
     if (!line.empty() && nLevel <= AV_LOG_WARNING) {
-        (nLevel <= AV_LOG_ERROR ? log.error : log.warning) = std::move(line);
+        // The last line says what failed, and of some versions only the first one says why.
+        std::string& kept = nLevel <= AV_LOG_ERROR ? log.error : log.warning;
+        kept = kept.empty() || nLevel > AV_LOG_ERROR ? line : kept.substr(0, kept.find('\n')) + '\n' + line;
     }
 }
 
@@ -102,7 +104,7 @@ void CatchLog(bool bVerbose)
     av_log_set_callback(OnLog);
 }
 
-std::string LastLogLine()
+std::string LastLogLines()
 {
     Log& log = TheLog();
     const std::scoped_lock lock(log.mutex);

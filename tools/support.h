@@ -39,8 +39,9 @@ const std::string& CurrentStep();
 
 // FFmpeg's messages are kept back; with bVerbose they also go to standard error.
 void CatchLog(bool bVerbose);
-// FFmpeg's last error message of this step, or else its last warning; may be empty.
-std::string LastLogLine();
+// FFmpeg's first and last error messages of this step on lines of their own, or else its last warning; may
+// be empty.
+std::string LastLogLines();
 
 void CatchInterrupt();
 bool IsInterrupted();
