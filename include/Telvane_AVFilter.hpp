@@ -286,7 +286,9 @@ inline std::string Complete(const std::string& text, const std::string& end, int
 inline std::string FromIn(const std::string& text)
 {
     const std::size_t nFirst = text.find_first_not_of(" \n\t\r");
-    return nFirst == std::string::npos || text[nFirst] == '[' ? text : "[in]" + text;
+    const bool bLabelled =
+        nFirst == std::string::npos || text[nFirst] == '[' || text.find("[in]") != std::string::npos;
+    return bLabelled ? text : "[in]" + text;
 }
 
 // Where audio and video differ.

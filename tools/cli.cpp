@@ -16,12 +16,15 @@ extern "C" {
 #include <map>
 #include <new>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace
 {
 
 using namespace tool;
+
+constexpr double kLongest = 1e7; // seconds: four months
 
 constexpr const char* kFooter =
     "Exit codes: 0 done, 1 unexpected failure, 2 wrong arguments, 3 an input cannot be read, 4 the output\n"
@@ -150,7 +153,7 @@ void AddOutput(CLI::App& command, Arguments& arguments)
     command.add_option("--to", options.output.format, "The format, where the name does not tell")
         ->check(CLI::IsMember({"wav", "flac", "mp4", "mkv", "y4m", "png", "raw"}));
     command.add_option("--length", options.dLength, "Seconds of output; default: what the inputs give")
-        ->check(CLI::PositiveNumber);
+        ->check(CLI::Range(1e-6, kLongest));
     command.add_option("--pass", options.pass,
                        "The input whose other stream (the sound of video, the pictures of audio) is copied "
                        "to mp4 and mkv, or none; default: the first that has one");
@@ -163,7 +166,7 @@ void AddVideo(CLI::App& command, Arguments& arguments)
 {
     command.add_option("--rate", arguments.rate, "Pictures per second; default: the fastest input's");
     command.add_option("--at", arguments.options.dAt, "For one png: which second's picture")
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::Range(0.0, kLongest));
 }
 
 int Run(int argc, char** argv)
@@ -244,6 +247,12 @@ int Run(int argc, char** argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() != 0 &&
+            std::find(argv, argv + argc, std::string_view("--json")) != argv + argc) {
+            BeginStep("reading the arguments");
+            options.bJson = true;
+            return Report(arguments, kUsage, error.what(), 0);
+        }
         return app.exit(error) == 0 ? kDone : kUsage;
     }
     const CLI::App* pChosen = app.get_subcommands().front();
@@ -261,9 +270,11 @@ int Run(int argc, char** argv)
         }
         return Report(arguments, failure.ExitCode(), failure.what(), 0);
     } catch (const telvane::Error& error) {
-        return Report(arguments, kGraph,
-                      fmt::format("{} (0x{:X})", error.what(), static_cast<unsigned>(error.code().value())),
-                      static_cast<unsigned>(error.code().value()));
+        // Without the text that the layer names: the tool's own clocks stand in it.
+        return Report(
+            arguments, kGraph,
+            fmt::format("{} (0x{:X})", error.code().message(), static_cast<unsigned>(error.code().value())),
+            static_cast<unsigned>(error.code().value()));
     } catch (const std::bad_alloc&) {
         return Report(arguments, kOther, "no memory", 0);
     } catch (const std::exception& error) {
@@ -276,7 +287,12 @@ int Run(int argc, char** argv)
 int main(int argc, char** argv)
 {
     try {
-        return Run(argc, argv);
+        const int nExit = Run(argc, argv);
+        if (std::fflush(stdout) != 0 && nExit == tool::kDone) {
+            static_cast<void>(std::fputs("telvane-avfilter: the report cannot be written\n", stderr));
+            return tool::kOutput;
+        }
+        return nExit;
     } catch (const std::exception& error) {
         static_cast<void>(std::fprintf(stderr, "telvane-avfilter: %s\n", error.what()));
         return tool::kOther;

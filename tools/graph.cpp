@@ -17,6 +17,14 @@ extern "C" {
 namespace tool
 {
 
+std::string FromIn(const std::string& description)
+{
+    const std::size_t nFirst = description.find_first_not_of(" \n\t\r");
+    const bool bLabelled = nFirst == std::string::npos || description[nFirst] == '[' ||
+                           description.find("[in]") != std::string::npos;
+    return bLabelled ? description : "[in]" + description;
+}
+
 std::optional<std::string> WithoutOut(const std::string& description)
 {
     constexpr std::string_view kLabel = "[out]";
@@ -27,23 +35,25 @@ std::optional<std::string> WithoutOut(const std::string& description)
     return text.empty() || text.back() == ']' ? std::nullopt : std::optional(text);
 }
 
-OwnGraph::OwnGraph(const std::vector<telvane::AudioInput>& inputs, const std::string& description)
-    : m_Audio(inputs)
+OwnGraph::OwnGraph(const std::vector<telvane::AudioInput>& inputs,
+                   const std::vector<AVChannelLayout>& layouts, const std::string& description)
+    : m_Audio(inputs), m_Layouts(layouts)
 {
     std::vector<Source> sources;
     sources.reserve(inputs.size());
-    for (const auto& [name, stream] : inputs) {
+    for (std::size_t i = 0; i < inputs.size(); ++i) {
+        const auto& [name, stream] = inputs[i];
         sources.push_back(
             {name, "abuffer",
-             fmt::format("time_base=1/{0}:sample_rate={0}:sample_fmt={1}:channel_layout={2}c", stream.rate,
-                         av_get_sample_fmt_name(stream.format), stream.channels)});
+             fmt::format("time_base=1/{0}:sample_rate={0}:sample_fmt={1}:channel_layout={2}", stream.rate,
+                         av_get_sample_fmt_name(stream.format), LayoutName(layouts[i]))});
     }
     Build(sources, "abuffersink", description);
 }
 
 OwnGraph::OwnGraph(const std::vector<telvane::VideoInput>& inputs, const std::vector<AVRational>& aspects,
-                   const std::string& description)
-    : m_Video(inputs)
+                   AVRational rate, const std::string& description)
+    : m_Video(inputs), m_Rate(rate)
 {
     std::vector<Source> sources;
     sources.reserve(inputs.size());
@@ -51,10 +61,10 @@ OwnGraph::OwnGraph(const std::vector<telvane::VideoInput>& inputs, const std::ve
         const auto& [name, stream] = inputs[i];
         sources.push_back(
             {name, "buffer",
-             fmt::format("video_size={}x{}:pix_fmt={}:time_base=1/{}:frame_rate={}/1:pixel_aspect={}/{}",
+             fmt::format("video_size={}x{}:pix_fmt={}:time_base={}/{}:frame_rate={}/{}:pixel_aspect={}/{}",
                          stream.picture.width, stream.picture.height,
-                         static_cast<int>(stream.picture.format), stream.rate, stream.rate, aspects[i].num,
-                         std::max(1, aspects[i].den))});
+                         static_cast<int>(stream.picture.format), rate.den, rate.num, rate.num, rate.den,
+                         aspects[i].num, std::max(1, aspects[i].den))});
     }
     Build(sources, "buffersink", description);
 }
@@ -110,6 +120,13 @@ telvane::AudioStream OwnGraph::Audio() const
             av_buffersink_get_sample_rate(m_pSink), av_buffersink_get_channels(m_pSink), 0};
 }
 
+AVChannelLayout OwnGraph::Layout() const
+{
+    AVChannelLayout layout{};
+    Check(av_buffersink_get_ch_layout(m_pSink, &layout), kOther, "the channel layout");
+    return Native(layout);
+}
+
 telvane::Size OwnGraph::Picture() const
 {
     return {av_buffersink_get_w(m_pSink), av_buffersink_get_h(m_pSink)};
@@ -118,7 +135,7 @@ telvane::Size OwnGraph::Picture() const
 AVRational OwnGraph::Rate() const
 {
     const AVRational rate = av_buffersink_get_frame_rate(m_pSink);
-    return rate.num > 0 && rate.den > 0 ? rate : AVRational{m_Video[0].stream.rate, 1};
+    return rate.num > 0 && rate.den > 0 ? rate : m_Rate;
 }
 
 AVRational OwnGraph::Aspect() const
@@ -162,13 +179,15 @@ bool OwnGraph::ChangesTimes() const
             return true; // a source of the description's own, with a rate of its own
         }
     }
-    return Uses({"bwdif",          "concat",       "decimate",   "dejudder",      "detelecine",
-                 "doubleweave",    "estdif",       "fieldmatch", "fps",           "framerate",
-                 "framestep",      "freezeframes", "interlace",  "loop",          "minterpolate",
-                 "mpdecimate",     "pullup",       "random",     "repeatfields",  "select",
-                 "separatefields", "setpts",       "settb",      "shuffleframes", "telecine",
-                 "thumbnail",      "tile",         "tinterlace", "tpad",          "trim",
-                 "untile",         "w3fdif",       "weave",      "xfade",         "yadif"});
+    return Uses({"metadata",      "nnedi",        "stereo3d",       "tblend",       "tlut2",
+                 "tmedian",       "zoompan",      "bwdif",          "concat",       "decimate",
+                 "dejudder",      "detelecine",   "doubleweave",    "estdif",       "fieldmatch",
+                 "fps",           "framerate",    "framestep",      "freezeframes", "interlace",
+                 "loop",          "minterpolate", "mpdecimate",     "pullup",       "random",
+                 "repeatfields",  "select",       "separatefields", "setpts",       "settb",
+                 "shuffleframes", "telecine",     "thumbnail",      "tile",         "tinterlace",
+                 "tpad",          "trim",         "untile",         "w3fdif",       "weave",
+                 "xfade",         "yadif"});
 }
 
 bool OwnGraph::Send(std::size_t nInput, std::span<const std::byte> bytes, int nSamples)
@@ -176,7 +195,7 @@ bool OwnGraph::Send(std::size_t nInput, std::span<const std::byte> bytes, int nS
     if (!Takes(nInput)) {
         return false;
     }
-    if (!m_Audio.empty() && nSamples == 0) {
+    if (m_bEndless || (!m_Audio.empty() && nSamples == 0)) {
         return true;
     }
     const FramePtr frame = NewFrame();
@@ -186,7 +205,8 @@ bool OwnGraph::Send(std::size_t nInput, std::span<const std::byte> bytes, int nS
         frame->format = stream.format;
         frame->sample_rate = stream.rate;
         frame->nb_samples = nSamples;
-        av_channel_layout_default(&frame->ch_layout, stream.channels);
+        frame->ch_layout = m_Layouts[nInput];
+        frame->pts = m_Sent[nInput];
         Check(av_frame_get_buffer(frame.get(), 0), kOther, "samples");
         std::memcpy(frame->data[0], pBytes,
                     static_cast<std::size_t>(nSamples) *

@@ -17,12 +17,15 @@ namespace tool
 class OwnGraph
 {
   public:
-    OwnGraph(const std::vector<telvane::AudioInput>& inputs, const std::string& description);
-    OwnGraph(const std::vector<telvane::VideoInput>& inputs, const std::vector<AVRational>& aspects,
+    // One layout, aspect and so on for each input; the names are the description's labels.
+    OwnGraph(const std::vector<telvane::AudioInput>& inputs, const std::vector<AVChannelLayout>& layouts,
              const std::string& description);
+    OwnGraph(const std::vector<telvane::VideoInput>& inputs, const std::vector<AVRational>& aspects,
+             AVRational rate, const std::string& description);
 
     // What comes out. An audio block's size is not known beforehand.
     telvane::AudioStream Audio() const;
+    AVChannelLayout Layout() const;
     telvane::Size Picture() const;
     AVRational Rate() const;
     AVRational Aspect() const;
@@ -57,7 +60,9 @@ class OwnGraph
     std::vector<AVFilterContext*> m_Sources;
     AVFilterContext* m_pSink = nullptr;
     std::vector<telvane::AudioInput> m_Audio;
+    std::vector<AVChannelLayout> m_Layouts;
     std::vector<telvane::VideoInput> m_Video;
+    AVRational m_Rate{0, 1}; // of the pictures that go in
     std::vector<int64_t> m_Sent;
     std::vector<bool> m_Closed;
     std::deque<int64_t> m_Times;
@@ -67,6 +72,8 @@ class OwnGraph
     bool m_bEndless = false;
 };
 
+// The description of a job with one input may leave out its label.
+std::string FromIn(const std::string& description);
 // A description without the label of its output, so that filters can be added. Nothing if it ends in
 // another label.
 std::optional<std::string> WithoutOut(const std::string& description);

@@ -5,6 +5,7 @@ extern "C" {
 #include <libavutil/dict.h>
 #include <libavutil/imgutils.h>
 #include <libavutil/mathematics.h>
+#include <libavutil/opt.h>
 #include <libavutil/pixdesc.h>
 }
 
@@ -16,6 +17,7 @@ extern "C" {
 #include <cstring>
 #include <filesystem>
 #include <new>
+#include <utility>
 
 namespace tool
 {
@@ -237,23 +239,41 @@ void PictureConverter::Convert(const AVFrame& from, const Colour& fromColour, AV
 {
     const auto fromFormat = static_cast<AVPixelFormat>(from.format);
     const auto toFormat = static_cast<AVPixelFormat>(to.format);
-    m_Context.reset(sws_getCachedContext(
-        m_Context.release(), from.width, from.height, Plain(fromFormat), to.width, to.height, toFormat,
-        SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT, nullptr, nullptr, nullptr));
-    if (!m_Context) {
-        throw Failure(kOther, fmt::format("FFmpeg cannot convert {} to {}", av_get_pix_fmt_name(fromFormat),
-                                          av_get_pix_fmt_name(toFormat)));
-    }
-    const auto matrix = [](AVColorSpace space) {
-        return sws_getCoefficients(space == AVCOL_SPC_UNSPECIFIED || space == AVCOL_SPC_RGB
-                                       ? SWS_CS_DEFAULT
-                                       : static_cast<int>(space));
-    };
+    const bool bFromFull = fromColour.range == AVCOL_RANGE_JPEG || IsRgb(fromFormat);
+    const bool bToFull = toColour.range == AVCOL_RANGE_JPEG || IsRgb(toFormat);
     const AVColorSpace space =
         fromColour.space != AVCOL_SPC_UNSPECIFIED ? fromColour.space : toColour.space;
-    sws_setColorspaceDetails(
-        m_Context.get(), matrix(space), fromColour.range == AVCOL_RANGE_JPEG || IsRgb(fromFormat) ? 1 : 0,
-        matrix(space), toColour.range == AVCOL_RANGE_JPEG || IsRgb(toFormat) ? 1 : 0, 0, 1 << 16, 1 << 16);
+    const std::array<int, 9> key{from.width, from.height, Plain(fromFormat), to.width,      to.height,
+                                 toFormat,   space,       int{bToFull},      int{bFromFull}};
+    if (!m_Context || key != m_Key) {
+        m_Key = key;
+        m_Context.reset(sws_alloc_context());
+        // The ranges from the start: FFmpeg chooses by them how it converts.
+        const std::pair<const char*, int> options[] = {
+            {"srcw", from.width},
+            {"srch", from.height},
+            {"src_format", Plain(fromFormat)},
+            {"src_range", int{bFromFull}},
+            {"dstw", to.width},
+            {"dsth", to.height},
+            {"dst_format", toFormat},
+            {"dst_range", int{bToFull}},
+            {"sws_flags", SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT}};
+        bool bSet = m_Context != nullptr;
+        for (const auto& [szName, nValue] : options) {
+            bSet = bSet && av_opt_set_int(m_Context.get(), szName, nValue, 0) >= 0;
+        }
+        if (!bSet || sws_init_context(m_Context.get(), nullptr, nullptr) < 0) {
+            throw Failure(kOther,
+                          fmt::format("FFmpeg cannot convert {} to {}", av_get_pix_fmt_name(fromFormat),
+                                      av_get_pix_fmt_name(toFormat)));
+        }
+        const int* pMatrix = sws_getCoefficients(space == AVCOL_SPC_UNSPECIFIED || space == AVCOL_SPC_RGB
+                                                     ? SWS_CS_DEFAULT
+                                                     : static_cast<int>(space));
+        sws_setColorspaceDetails(m_Context.get(), pMatrix, bFromFull ? 1 : 0, pMatrix, bToFull ? 1 : 0, 0,
+                                 1 << 16, 1 << 16);
+    }
     Check(sws_scale(m_Context.get(), from.data, from.linesize, 0, from.height, to.data, to.linesize),
           kOther, "converting a picture");
 }
@@ -342,6 +362,14 @@ bool VideoSource::At(int64_t nTick)
     return !bEnded;
 }
 
+void VideoSource::SetFormat(AVPixelFormat format)
+{
+    m_Picture.format = format;
+    m_Colour = {AVCOL_RANGE_MPEG, AVCOL_SPC_SMPTE170M, AVCOL_PRI_UNSPECIFIED, AVCOL_TRC_UNSPECIFIED};
+    m_Bytes.resize(telvane::detail::Sum(telvane::PlaneBytes(m_Picture)));
+    m_bStored = false;
+}
+
 void VideoSource::Blacken()
 {
     std::array<uint8_t*, 4> planes{};
@@ -355,6 +383,34 @@ void VideoSource::Blacken()
 }
 
 // ---- Sound --------------------------------------------------------------------------------------
+
+AVChannelLayout Native(const AVChannelLayout& layout)
+{
+    AVChannelLayout native{};
+    if (layout.order != AV_CHANNEL_ORDER_NATIVE) {
+        av_channel_layout_default(&native, layout.nb_channels);
+    } else if (av_channel_layout_from_mask(&native, layout.u.mask) < 0) {
+        throw std::bad_alloc();
+    }
+    return native;
+}
+
+std::string LayoutName(const AVChannelLayout& layout)
+{
+    if (layout.order == AV_CHANNEL_ORDER_UNSPEC) {
+        return fmt::format("{}c", layout.nb_channels);
+    }
+    std::array<char, 256> text{};
+    av_channel_layout_describe(&layout, text.data(), text.size());
+    return text.data();
+}
+
+bool IsDefault(const AVChannelLayout& layout)
+{
+    AVChannelLayout usual{};
+    av_channel_layout_default(&usual, layout.nb_channels);
+    return av_channel_layout_compare(&layout, &usual) == 0;
+}
 
 AudioSource::AudioSource(Input& input) : m_pInput(&input), m_Frame(NewFrame())
 {
@@ -373,7 +429,7 @@ AudioSource::AudioSource(Input& input) : m_pInput(&input), m_Frame(NewFrame())
     m_nFrameBytes = static_cast<std::size_t>(m_Stream.channels) *
                     static_cast<std::size_t>(av_get_bytes_per_sample(m_Stream.format));
 
-    av_channel_layout_default(&m_Layout, m_Stream.channels);
+    m_Layout = Native(first.ch_layout);
     Configure(first);
     Append(&first);
 }
@@ -381,9 +437,10 @@ AudioSource::AudioSource(Input& input) : m_pInput(&input), m_Frame(NewFrame())
 void AudioSource::Configure(const AVFrame& frame)
 {
     SwrContext* pResampler = nullptr;
-    // A copy that owns nothing: FFmpeg 5.1 wants it writable.
-    AVChannelLayout from = frame.ch_layout.order == AV_CHANNEL_ORDER_UNSPEC ? m_Layout : frame.ch_layout;
-    Check(swr_alloc_set_opts2(&pResampler, &m_Layout, m_Stream.format, m_Stream.rate, &from,
+    // Copies that own nothing: FFmpeg 5.1 wants them writable. As many channels stay as they are.
+    AVChannelLayout from = Native(frame.ch_layout);
+    AVChannelLayout to = from.nb_channels == m_Layout.nb_channels ? from : m_Layout;
+    Check(swr_alloc_set_opts2(&pResampler, &to, m_Stream.format, m_Stream.rate, &from,
                               static_cast<AVSampleFormat>(frame.format), frame.sample_rate, 0, nullptr),
           kInput, "the sound's format");
     m_Resampler.reset(pResampler);

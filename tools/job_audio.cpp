@@ -12,73 +12,74 @@ namespace tool
 namespace
 {
 
-// The label of an input in the library's graph; the description's own label comes after the clock filter.
-std::string SourceLabel(const std::string& name)
-{
-    return "source_" + name;
-}
-
 struct AudioPlan {
-    std::vector<telvane::AudioInput> inputs;
+    std::vector<telvane::AudioInput> inputs; // of the library: their labels are the clocks' inputs
     std::string description;
     std::unique_ptr<OwnGraph> graph;
     telvane::AudioStream out;
+    AVChannelLayout layout;
 };
 
-Json Describe(const telvane::AudioStream& stream)
+Json Describe(const Options& options, const AudioPlan& plan)
 {
-    return {{"rate", stream.rate},
-            {"channels", stream.channels},
-            {"format", av_get_sample_fmt_name(stream.format)}};
-}
-
-Json Describe(const AudioPlan& plan)
-{
+    const auto describe = [](const telvane::AudioStream& stream) {
+        return Json{{"rate", stream.rate},
+                    {"channels", stream.channels},
+                    {"format", av_get_sample_fmt_name(stream.format)}};
+    };
     Json json;
-    for (const auto& [name, stream] : plan.inputs) {
-        json["inputs"].push_back(Describe(stream));
-        json["inputs"].back()["name"] = name;
+    for (std::size_t i = 0; i < plan.inputs.size(); ++i) {
+        json["inputs"].push_back(describe(plan.inputs[i].stream));
+        json["inputs"].back()["name"] = options.inputs[i].name;
     }
-    json["output"] = Describe(plan.out);
+    json["output"] = describe(plan.out);
+    json["output"]["layout"] = LayoutName(plan.layout);
     return json;
 }
 
-// What the layer is given. Blocks have no times in the library, so each input gets its clock in the graph.
-std::shared_ptr<telvane::AudioMixer> MakeAudio(const AudioPlan& plan, const telvane::AudioStream& out)
+// A filter that calls the channels by the places of another layout and leaves the samples as they are.
+std::string Relabel(const AVChannelLayout& layout)
 {
-    if (plan.inputs.size() == 1 && plan.inputs[0].name == "in") {
-        return std::make_shared<telvane::AudioFilter>(plan.inputs[0].stream, plan.description, out);
+    std::string map = "0";
+    for (int i = 1; i < layout.nb_channels; ++i) {
+        map += fmt::format("|{}", i);
     }
-    return std::make_shared<telvane::AudioMixer>(plan.inputs, plan.description, out);
+    return fmt::format(",channelmap=map={}:channel_layout={}", map, LayoutName(layout));
 }
 
 AudioPlan PlanAudio(const Options& options, const std::vector<AudioSource>& sources)
 {
-    constexpr const char* kClock = "asetpts=NB_CONSUMED_SAMPLES/SR/TB";
     AudioPlan plan;
-    const bool bSingle = options.inputs.size() == 1 && options.inputs[0].name == "in";
+    std::vector<telvane::AudioInput> named;
+    std::vector<AVChannelLayout> layouts;
+    std::string clocks;
     for (std::size_t i = 0; i < sources.size(); ++i) {
         const std::string& name = options.inputs[i].name;
-        plan.inputs.push_back({bSingle ? name : SourceLabel(name), sources[i].Stream()});
-        if (!bSingle) {
-            plan.description += fmt::format("[{}]{}[{}];", SourceLabel(name), kClock, name);
-        }
+        const AVChannelLayout& layout = sources[i].Layout();
+        named.push_back({name, sources[i].Stream()});
+        layouts.push_back(layout);
+        plan.inputs.push_back({SourceLabel(name), sources[i].Stream()});
+        // Blocks have no times in the library, and its channels are the usual ones of their number.
+        clocks += fmt::format("[{}]asetpts=NB_CONSUMED_SAMPLES/SR/TB{}[{}];", SourceLabel(name),
+                              IsDefault(layout) ? "" : Relabel(layout), name);
     }
-    const std::string& text = options.description;
-    const std::size_t nStart = text.starts_with("[in]") ? 4 : 0;
-    plan.description += bSingle && text.find_first_not_of(" \n\t\r", nStart) != std::string::npos &&
-                                (nStart > 0 || !text.starts_with('['))
-                            ? fmt::format("[in]{},{}", kClock, text.substr(nStart))
-                            : text;
+    const std::string text = TextOf(options);
+    plan.description = clocks + text;
     BeginStep("building the graph");
     // First of all the library's own answer to the description.
     plan.out = sources[0].Stream();
-    MakeAudio(plan, plan.out);
+    telvane::AudioMixer(plan.inputs, plan.description, plan.out);
     // Packed, as the library gives it; else a format is chosen that it does not end in.
-    plan.graph =
-        std::make_unique<OwnGraph>(plan.inputs, WithoutOut(plan.description).value_or(plan.description) +
-                                                    ",aformat=sample_fmts=u8|s16|s32|flt|dbl");
+    const auto open = WithoutOut(text);
+    plan.graph = std::make_unique<OwnGraph>(
+        named, layouts, open ? *open + ",aformat=sample_fmts=u8|s16|s32|flt|dbl" : text);
     plan.out = plan.graph->Audio();
+    plan.layout = plan.graph->Layout();
+    if (open && !IsDefault(plan.layout)) {
+        AVChannelLayout usual{};
+        av_channel_layout_default(&usual, plan.layout.nb_channels);
+        plan.description = clocks + *open + Relabel(usual);
+    }
     plan.out.samples = std::max(1, plan.out.rate / AudioSource::kBlocksPerSecond);
     if (!options.output.path.empty()) {
         const std::string format = Output::FormatOf(options.output.path, options.output.format);
@@ -100,28 +101,29 @@ Exit RunAudio(const Options& options)
     }
     AudioPlan plan = PlanAudio(options, sources);
     if (options.bExplain) {
-        PrintExplanation(options, Describe(plan), *plan.graph);
+        PrintExplanation(options, Describe(options, plan), *plan.graph);
         return kDone;
     }
     if (plan.graph->Uses({"areverse"})) {
         throw Failure(kNothing,
                       "areverse waits for the end of the stream, which the library cannot signal");
     }
-    const auto mixer = MakeAudio(plan, plan.out);
+    telvane::AudioMixer mixer(plan.inputs, plan.description, plan.out);
     OutputWish wish = options.output;
     wish.audio = plan.out;
+    wish.layout = plan.layout;
     wish.pPassed = pPassing != nullptr ? pPassing->PassedStream() : nullptr;
     Output output(wish);
 
-    const std::size_t nFrame = mixer->OutputBytes() / static_cast<std::size_t>(plan.out.samples);
-    std::vector<std::byte> out(mixer->OutputBytes());
+    const std::size_t nFrame = mixer.OutputBytes() / static_cast<std::size_t>(plan.out.samples);
+    std::vector<std::byte> out(mixer.OutputBytes());
     int64_t nLimit = std::numeric_limits<int64_t>::max();
     if (options.dLength > 0) {
         nLimit = std::llround(options.dLength * plan.out.rate);
     }
     const auto receive = [&] {
         bool bAny = false;
-        while (const auto nBytes = mixer->Receive(out)) {
+        while (const auto nBytes = mixer.Receive(out)) {
             bAny = true;
             const auto nLeft = static_cast<std::size_t>(nLimit - output.Samples());
             const std::size_t nSamples = std::min(nLeft, *nBytes / nFrame);
@@ -135,11 +137,12 @@ Exit RunAudio(const Options& options)
 
     Progress progress(options.bQuiet, options.dLength > 0 ? options.dLength : LongestOf(inputs));
     constexpr double kStep = 1.0 / AudioSource::kBlocksPerSecond;
+    constexpr int kPatience = 30 * AudioSource::kBlocksPerSecond;
     double dTime = 0; // of the inputs
     std::vector<std::vector<std::byte>> blocks(sources.size());
-    const bool bCount = options.dLength <= 0;
     double dPart = 1; // of the block that is within the inputs' length
-    while (dPart == 1 && output.Samples() < nLimit && !plan.graph->HasEnded() && !IsInterrupted()) {
+    int nPatience = kPatience;
+    while (output.Samples() < nLimit && !plan.graph->HasEnded() && nPatience > 0 && !IsInterrupted()) {
         BeginStep("reading the inputs");
         double dShortest = 1;
         double dLongest = 0;
@@ -148,27 +151,29 @@ Exit RunAudio(const Options& options)
             dShortest = std::min(dShortest, d);
             dLongest = std::max(dLongest, d);
         }
-        dPart = options.atEnd == AtEnd::kStop ? dShortest : dLongest;
+        // With a length to reach, silence goes on for as long as that takes.
+        dPart = options.atEnd == AtEnd::kStop ? dShortest : options.dLength > 0 ? 1 : dLongest;
         if (dPart == 0) {
             break;
         }
         BeginStep("filtering");
+        bool bAny = options.dLength <= 0 || dLongest > 0;
         for (std::size_t i = 0; i < sources.size(); ++i) {
             // Rounded down, lest the silence of another input's coarser samples make it longer.
             const double dSamples = dPart * sources[i].Stream().samples;
             const bool bTaken =
-                !bCount || plan.graph->Send(i, blocks[i], static_cast<int>(std::floor(dSamples + 1e-6)));
+                plan.graph->Send(i, blocks[i], static_cast<int>(std::floor(dSamples + 1e-6)));
             RefuseEndless(options, *plan.graph);
             if (bTaken && dPart == 1) {
-                mixer->Send(i, blocks[i]);
-                receive();
+                mixer.Send(i, blocks[i]);
+                bAny = receive() || bAny;
             }
         }
+        nPatience = bAny ? kPatience : nPatience - 1;
+        dTime += dPart * kStep;
         if (dPart < 1) {
-            dTime += dPart * kStep;
             break; // the last block, which the silence after it completes
         }
-        dTime += kStep;
         progress.At(dTime);
         if (pPassing != nullptr) {
             output.WritePassed(pPassing->Passed(), dTime);
@@ -176,26 +181,24 @@ Exit RunAudio(const Options& options)
     }
 
     // What the graph still holds is pushed out by silence; the rest of the silence is cut off.
-    if (!IsInterrupted()) {
+    const bool bOver = plan.graph->HasEnded();
+    if (!IsInterrupted() && output.Samples() < nLimit) {
         BeginStep("bringing out the end");
         std::vector<bool> takes(sources.size());
         for (std::size_t i = 0; i < sources.size(); ++i) {
             takes[i] = plan.graph->Takes(i);
         }
-        const bool bOver = plan.graph->HasEnded();
-        if (bCount) {
-            plan.graph->End();
-            nLimit = plan.graph->Count().value_or(std::llround(dTime * plan.out.rate));
-        }
-        int nPatience = 30 * AudioSource::kBlocksPerSecond;
+        plan.graph->End();
+        nLimit = std::min(nLimit, plan.graph->Count().value_or(std::llround(dTime * plan.out.rate)));
         bool bLast = dPart > 0 && dPart < 1;
+        nPatience = kPatience;
         while (output.Samples() < nLimit && !IsInterrupted()) {
             for (std::size_t i = 0; i < sources.size(); ++i) {
                 if (!bLast) {
-                    blocks[i].assign(mixer->InputBytes(i), std::byte{0});
+                    blocks[i].assign(mixer.InputBytes(i), std::byte{0});
                 }
                 if (takes[i]) {
-                    mixer->Send(i, blocks[i]);
+                    mixer.Send(i, blocks[i]);
                 }
             }
             bLast = false;
@@ -214,17 +217,14 @@ Exit RunAudio(const Options& options)
     if (output.Samples() == 0) {
         throw Failure(kNothing, "the description gave no sound");
     }
+    const double dSeconds = static_cast<double>(output.Samples()) / plan.out.rate;
     if (pPassing != nullptr) {
-        if (!IsInterrupted()) {
-            pPassing->ReadRest();
-        }
-        output.WritePassed(pPassing->Passed(), IsInterrupted() ? dTime : 1e18);
+        FinishPassed(options, *pPassing, output, dSeconds, bOver);
     }
     const bool bInterrupted = IsInterrupted();
     output.Finish();
     WarnOfDamage(inputs);
-    const double dSeconds = static_cast<double>(output.Samples()) / plan.out.rate;
-    Json json = Describe(plan);
+    Json json = Describe(options, plan);
     json["samples"] = output.Samples();
     json["seconds"] = dSeconds;
     json["speed"] = dTime / std::max(progress.Elapsed(), 1e-6);
@@ -240,7 +240,7 @@ Json ForeseeAudio(const Options& options)
     const auto inputs = OpenInputs(options, AVMEDIA_TYPE_AUDIO);
     std::vector<AudioSource> sources;
     sources.emplace_back(*inputs[0]);
-    return Describe(PlanAudio(options, sources))["output"];
+    return Describe(options, PlanAudio(options, sources))["output"];
 }
 
 } // namespace tool

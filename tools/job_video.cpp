@@ -7,8 +7,10 @@ extern "C" {
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <limits>
+#include <string_view>
 
 namespace tool
 {
@@ -17,20 +19,13 @@ namespace
 {
 
 struct VideoPlan {
-    std::vector<telvane::VideoInput> inputs;
+    std::vector<telvane::VideoInput> inputs;  // named as the user does
+    std::vector<telvane::VideoInput> clocked; // of the library
     std::string description;
     std::unique_ptr<OwnGraph> graph;
     OutputVideo out;
     bool bTimes = false; // the copy runs beside the library and tells the times of its pictures
 };
-
-std::shared_ptr<telvane::VideoMixer> MakeVideo(const VideoPlan& plan, const telvane::Size& size)
-{
-    if (plan.inputs.size() == 1 && plan.inputs[0].name == "in") {
-        return std::make_shared<telvane::VideoFilter>(plan.inputs[0].stream, plan.description, size);
-    }
-    return std::make_shared<telvane::VideoMixer>(plan.inputs, plan.description, size);
-}
 
 Json Describe(const VideoPlan& plan)
 {
@@ -66,26 +61,29 @@ VideoPlan PlanVideo(const Options& options, std::vector<VideoSource>& sources)
 {
     VideoPlan plan;
     const AVRational rate = CommonRate(options, sources);
-    // The library's clock has whole rates. A rate of 29.97 runs as 30 inside and is 29.97 again outside.
-    const int nRate = std::max(1, static_cast<int>(std::lround(av_q2d(rate))));
     std::vector<AVRational> aspects;
+    std::string clocks;
     for (std::size_t i = 0; i < sources.size(); ++i) {
+        const std::string& name = options.inputs[i].name;
         sources[i].SetRate(rate);
-        sources[i].SetRange(sources[0].Colours().range);
+        sources[i].SetLimited();
         aspects.push_back(sources[i].Aspect());
-        plan.inputs.push_back({options.inputs[i].name, {sources[i].Picture(), nRate}});
+        plan.inputs.push_back({name, {sources[i].Picture(), 1}});
+        plan.clocked.push_back({SourceLabel(name), {sources[i].Picture(), 1}});
+        // The library's clock has whole rates, and tells filters none.
+        clocks += fmt::format("[{}]settb={}/{},setpts=N,fps={}/{}[{}];", SourceLabel(name), rate.den,
+                              rate.num, rate.num, rate.den, name);
     }
     BeginStep("building the graph");
-    plan.description = options.description;
-    MakeVideo(plan, {16, 16}); // first of all the library's own answer to the description
-    const bool bSingle = plan.inputs.size() == 1 && plan.inputs[0].name == "in";
-    const std::string start = bSingle && !options.description.starts_with('[') ? "[in]" : "";
-    const auto text = WithoutOut(start + options.description);
-    const std::string asked = text.value_or(start + options.description);
-    plan.graph = std::make_unique<OwnGraph>(plan.inputs, aspects, asked + (text ? ",format=yuv420p" : ""));
+    const std::string text = TextOf(options);
+    plan.description = clocks + text;
+    telvane::VideoMixer(plan.clocked, plan.description, {16, 16}); // first of all the library's own answer
+    const auto open = WithoutOut(text);
+    plan.graph =
+        std::make_unique<OwnGraph>(plan.inputs, aspects, rate, open ? *open + ",format=yuv420p" : text);
 
     plan.bTimes = plan.graph->ChangesTimes();
-    plan.out.rate = av_mul_q(plan.graph->Rate(), av_div_q(rate, {nRate, 1}));
+    plan.out.rate = plan.graph->Rate();
     plan.out.shown = plan.graph->Picture();
     plan.out.aspect = plan.graph->Aspect();
     plan.out.colour = sources[0].Colours();
@@ -96,13 +94,13 @@ VideoPlan PlanVideo(const Options& options, std::vector<VideoSource>& sources)
     // The library's packed pictures lose the last chroma column or row of odd sizes: it gets even ones.
     plan.out.stored = {AV_PIX_FMT_YUV420P, (plan.out.shown.width + 1) & ~1,
                        (plan.out.shown.height + 1) & ~1};
-    if (text && (plan.out.stored.width != plan.out.shown.width ||
+    if (open && (plan.out.stored.width != plan.out.shown.width ||
                  plan.out.stored.height != plan.out.shown.height)) {
         // 4:4:4, because pad rounds the picture down to whole chroma samples.
         plan.description = fmt::format(
-            "{},format=yuv444p,pad={}:{},fillborders=right={}:bottom={}:mode=smear,format=yuv420p", asked,
-            plan.out.stored.width, plan.out.stored.height, plan.out.stored.width - plan.out.shown.width,
-            plan.out.stored.height - plan.out.shown.height);
+            "{}{},format=yuv444p,pad={}:{},fillborders=right={}:bottom={}:mode=smear,format=yuv420p",
+            clocks, *open, plan.out.stored.width, plan.out.stored.height,
+            plan.out.stored.width - plan.out.shown.width, plan.out.stored.height - plan.out.shown.height);
     }
     return plan;
 }
@@ -204,7 +202,7 @@ class PictureWriter
 
 // The copied sound, the end of the file and the report.
 Exit FinishVideo(const Options& options, const std::vector<std::unique_ptr<Input>>& inputs, Input* pPassing,
-                 const VideoPlan& plan, Output& output, const Progress& progress, bool bInputEnds)
+                 const VideoPlan& plan, Output& output, const Progress& progress, bool bOver)
 {
     if (output.Pictures() == 0) {
         throw Failure(kNothing, "the description gave no picture at the time asked for");
@@ -212,12 +210,7 @@ Exit FinishVideo(const Options& options, const std::vector<std::unique_ptr<Input
     const double dSeconds = static_cast<double>(output.Pictures()) / av_q2d(plan.out.rate);
     const bool bInterrupted = IsInterrupted();
     if (pPassing != nullptr) {
-        if (!bInterrupted) {
-            pPassing->ReadRest();
-        }
-        // Sound that is longer than the pictures stays, unless the end was asked for.
-        const bool bCut = bInterrupted || !bInputEnds;
-        output.WritePassed(pPassing->Passed(), bCut ? dSeconds : 1e18);
+        FinishPassed(options, *pPassing, output, dSeconds, bOver);
     }
     output.Finish();
     WarnOfDamage(inputs);
@@ -261,7 +254,8 @@ Exit RunVideo(const Options& options)
     if (plan.graph->Uses({"reverse"})) {
         throw Failure(kNothing, "reverse waits for the end of the stream, which the library cannot signal");
     }
-    const auto mixer = MakeVideo(plan, {plan.out.stored.width, plan.out.stored.height});
+    telvane::VideoMixer mixer(plan.clocked, plan.description,
+                              {plan.out.stored.width, plan.out.stored.height});
     OutputWish wish = options.output;
     wish.video = plan.out;
     wish.pPassed = pPassing != nullptr ? pPassing->PassedStream() : nullptr;
@@ -269,11 +263,11 @@ Exit RunVideo(const Options& options)
     PictureWriter writer(options, output, plan.out.rate);
     OwnGraph& twin = *plan.graph;
 
-    std::vector<std::byte> out(mixer->OutputBytes());
+    std::vector<std::byte> out(mixer.OutputBytes());
     int64_t nReceived = 0;
     const auto receive = [&] {
         const int64_t nBefore = nReceived;
-        while (!writer.IsFull() && mixer->Receive(out)) {
+        while (!writer.IsFull() && mixer.Receive(out)) {
             ++nReceived;
             if (!plan.bTimes) {
                 writer.Write(out);
@@ -287,6 +281,25 @@ Exit RunVideo(const Options& options)
         }
         return nReceived > nBefore;
     };
+    // False once the graph takes no more of any input.
+    std::vector<bool> takes(sources.size(), true);
+    const auto push = [&] {
+        bool bAny = false;
+        for (std::size_t i = 0; i < sources.size(); ++i) {
+            try {
+                if (takes[i]) {
+                    mixer.Send(i, sources[i].Bytes());
+                }
+            } catch (const telvane::Error& error) {
+                if (error.code().value() != AVFILTER_ERROR_VIDEO_SEND_FRAME) {
+                    throw;
+                }
+                takes[i] = false;
+            }
+            bAny = bAny || takes[i];
+        }
+        return bAny;
+    };
     const AVRational rate = CommonRate(options, sources);
     Progress progress(options.bQuiet, options.dLength > 0 ? options.dLength : LongestOf(inputs));
     const int64_t nTicks = RunTicks(options, sources, rate, [&](int64_t nTick) {
@@ -295,7 +308,7 @@ Exit RunVideo(const Options& options)
             const bool bTaken = !plan.bTimes || twin.Send(i, sources[i].Bytes());
             RefuseEndless(options, twin);
             if (bTaken) {
-                mixer->Send(i, sources[i].Bytes());
+                mixer.Send(i, sources[i].Bytes());
                 receive();
             }
         }
@@ -311,15 +324,11 @@ Exit RunVideo(const Options& options)
     const int64_t nSame = std::llround(static_cast<double>(nTicks) * av_q2d(plan.out.rate) / av_q2d(rate));
 
     // What the graph still holds is pushed out by each input's last picture again.
+    const bool bOver = twin.HasEnded();
     if (!IsInterrupted() && !writer.IsFull()) {
         BeginStep("bringing out the end");
-        const bool bOver = twin.HasEnded();
-        std::vector<bool> takes(sources.size());
-        for (std::size_t i = 0; i < sources.size(); ++i) {
-            takes[i] = twin.Takes(i);
-        }
         int64_t nExpected = nSame; // pictures of the library
-        if (plan.bTimes && options.dLength <= 0) {
+        if (plan.bTimes && (options.dLength <= 0 || bOver)) {
             twin.End();
             nExpected = twin.Count().value_or(nSame);
         }
@@ -327,25 +336,53 @@ Exit RunVideo(const Options& options)
             writer.SetLimit(nSame);
         }
         int nPatience = 300;
-        while (nReceived < nExpected && !writer.IsFull() && !IsInterrupted() && nPatience > 0 && !bOver) {
-            for (std::size_t i = 0; i < sources.size(); ++i) {
-                if (takes[i]) {
-                    mixer->Send(i, sources[i].Bytes());
-                }
-            }
+        while (nReceived < nExpected && !writer.IsFull() && !IsInterrupted() && nPatience > 0 && push()) {
             nPatience = receive() ? nPatience : nPatience - 1;
         }
         if (nPatience == 0) {
             throw Failure(kNothing,
-                          fmt::format("the description keeps {} pictures to itself until the end of the "
-                                      "stream, which the library cannot signal",
-                                      nExpected - nReceived));
+                          fmt::format("the description keeps {} to itself until the end of the stream, "
+                                      "which the library cannot signal",
+                                      Count(nExpected - nReceived, "picture")));
         }
     }
     writer.EndTimes(nSame);
-    return FinishVideo(options, inputs, pPassing, plan, output, progress,
-                       options.dLength <= 0 && options.atEnd != AtEnd::kStop);
+    return FinishVideo(options, inputs, pPassing, plan, output, progress, bOver);
 }
+
+namespace
+{
+
+// "640x360", "640x" or "x360"; a side that is missing, or below 1, is -1 and follows the other one.
+telvane::Size ParseSize(const std::string& text)
+{
+    constexpr int kLargest = 32768;
+    const std::size_t nCross = std::min(text.find('x'), text.size());
+    int sides[2] = {-1, -1};
+    const std::string_view parts[2] = {std::string_view(text).substr(0, nCross),
+                                       std::string_view(text).substr(std::min(nCross + 1, text.size()))};
+    bool bRight = true;
+    for (int i = 0; i < 2; ++i) {
+        const char* pEnd = parts[i].data() + parts[i].size();
+        const auto [pStop, error] = std::from_chars(parts[i].data(), pEnd, sides[i]);
+        bRight =
+            bRight && (parts[i].empty() || (error == std::errc() && pStop == pEnd)) && sides[i] <= kLargest;
+        sides[i] = sides[i] > 0 ? sides[i] : -1;
+    }
+    if (!bRight || (sides[0] < 0 && sides[1] < 0)) {
+        throw Failure(kUsage, fmt::format("\"{}\" is no size: 640x360, 640x or x360, and no side above {}",
+                                          text, kLargest));
+    }
+    return {sides[0], sides[1]};
+}
+
+bool IsYuv(AVPixelFormat format)
+{
+    const AVPixFmtDescriptor* pDescriptor = av_pix_fmt_desc_get(format);
+    return (pDescriptor->flags & AV_PIX_FMT_FLAG_RGB) == 0 && pDescriptor->nb_components >= 3;
+}
+
+} // namespace
 
 Exit RunScale(const Options& options)
 {
@@ -355,20 +392,8 @@ Exit RunScale(const Options& options)
     sources.emplace_back(*inputs[0]);
     const telvane::Picture from = sources[0].Picture();
 
-    // "WxH"; a side that is -1 or missing follows the other one.
-    telvane::Size size{-1, -1};
-    const std::size_t nCross = options.size.find('x');
-    try {
-        const std::string width = options.size.substr(0, nCross);
-        const std::string height = nCross == std::string::npos ? "" : options.size.substr(nCross + 1);
-        size.width = width.empty() ? -1 : std::stoi(width);
-        size.height = height.empty() ? -1 : std::stoi(height);
-    } catch (const std::logic_error&) {
-        size = {-1, -1};
-    }
-    if (size.width < 1 && size.height < 1) {
-        throw Failure(kUsage, fmt::format("\"{}\" is no size: 640x360, 640x or x360", options.size));
-    }
+    BeginStep("reading the size");
+    telvane::Size size = ParseSize(options.size);
     const double dShape = static_cast<double>(from.width) / from.height;
     if (size.width < 1) {
         size.width = std::max(1, static_cast<int>(std::lround(size.height * dShape)));
@@ -379,13 +404,24 @@ Exit RunScale(const Options& options)
     VideoPlan plan;
     const AVRational rate = CommonRate(options, sources);
     sources[0].SetRate(rate);
+    // The library's scaler knows no matrix but BT.601 and no full range: between kinds of colour the tool
+    // converts, and the library scales like to like.
+    const AVPixelFormat wished = options.pixelFormat != AV_PIX_FMT_NONE ? options.pixelFormat : from.format;
+    if (!IsYuv(wished) || !IsYuv(from.format)) {
+        sources[0].SetFormat(wished);
+    }
+    const telvane::Picture given = sources[0].Picture();
     plan.inputs.push_back({"in", {from, 1}});
-    plan.out.stored = {options.pixelFormat != AV_PIX_FMT_NONE ? options.pixelFormat : from.format,
-                       size.width, size.height};
+    plan.out.stored = {wished, size.width, size.height};
     plan.out.shown = size;
     plan.out.rate = rate;
-    // A pixel has the shape that keeps the picture's.
-    plan.out.aspect = sources[0].Aspect();
+    // Pixels get the shape that keeps the picture's.
+    const AVRational aspect = sources[0].Aspect();
+    if (aspect.num > 0) {
+        av_reduce(&plan.out.aspect.num, &plan.out.aspect.den,
+                  int64_t{aspect.num} * from.width * size.height,
+                  int64_t{aspect.den} * from.height * size.width, std::numeric_limits<int>::max());
+    }
     plan.out.colour = sources[0].Colours();
     if (options.bExplain) {
         const Json json = Describe(plan);
@@ -395,7 +431,7 @@ Exit RunScale(const Options& options)
         return kDone;
     }
     BeginStep("setting up the scaler");
-    telvane::VideoScaler scaler(from, plan.out.stored);
+    telvane::VideoScaler scaler(given, plan.out.stored);
     OutputWish wish = options.output;
     wish.video = plan.out;
     wish.pPassed = pPassing != nullptr ? pPassing->PassedStream() : nullptr;
@@ -414,7 +450,7 @@ Exit RunScale(const Options& options)
         }
         return !writer.IsFull();
     });
-    return FinishVideo(options, inputs, pPassing, plan, output, progress, options.dLength <= 0);
+    return FinishVideo(options, inputs, pPassing, plan, output, progress, false);
 }
 
 Json ForeseeVideo(const Options& options)

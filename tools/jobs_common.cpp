@@ -68,6 +68,17 @@ void WarnOfDamage(const std::vector<std::unique_ptr<Input>>& inputs)
     }
 }
 
+std::string SourceLabel(const std::string& name)
+{
+    return "source@" + name;
+}
+
+std::string TextOf(const Options& options)
+{
+    return options.inputs.size() == 1 && options.inputs[0].name == "in" ? FromIn(options.description)
+                                                                        : options.description;
+}
+
 std::vector<std::unique_ptr<Input>> OpenInputs(const Options& options, AVMediaType kind)
 {
     std::vector<std::unique_ptr<Input>> inputs;
@@ -98,6 +109,15 @@ Input* ChoosePassed(const Options& options, const std::vector<std::unique_ptr<In
                       fmt::format("--pass {}: no such input, or it has nothing to pass on", options.pass));
     }
     return nullptr;
+}
+
+void FinishPassed(const Options& options, Input& passing, Output& output, double dSeconds, bool bOver)
+{
+    const bool bCut = IsInterrupted() || bOver || options.dLength > 0 || options.atEnd == AtEnd::kStop;
+    if (!IsInterrupted()) {
+        passing.ReadRest();
+    }
+    output.WritePassed(passing.Passed(), bCut ? dSeconds : 1e18);
 }
 
 double LongestOf(const std::vector<std::unique_ptr<Input>>& inputs)

@@ -21,10 +21,16 @@ std::string Count(int64_t n, const char* szOne);
 void Report(const Options& options, const Json& json, const std::string& text);
 void WarnOfDamage(const std::vector<std::unique_ptr<Input>>& inputs);
 
+// In the library's graph an input passes a clock of the tool's, behind which it has its own name.
+std::string SourceLabel(const std::string& name);
+// The description, which with a single input may leave out its label.
+std::string TextOf(const Options& options);
 std::vector<std::unique_ptr<Input>> OpenInputs(const Options& options, AVMediaType kind);
 // The input whose other stream is copied to the output, if any.
 Input* ChoosePassed(const Options& options, const std::vector<std::unique_ptr<Input>>& inputs,
                     AVMediaType kind);
+// Copies what is left of the other stream: to its own end, or where the job was cut short, to that time.
+void FinishPassed(const Options& options, Input& passing, Output& output, double dSeconds, bool bOver);
 double LongestOf(const std::vector<std::unique_ptr<Input>>& inputs);
 
 // A description that makes more and more of what it has got needs an end that somebody sets.

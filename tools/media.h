@@ -12,6 +12,7 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include <array>
 #include <deque>
 #include <memory>
 #include <optional>
@@ -109,6 +110,7 @@ class PictureConverter
 
   private:
     SwsPtr m_Context;
+    std::array<int, 9> m_Key{}; // what it was set up for
 };
 
 // An input's pictures at a constant rate: the picture of tick k is the one nearest before (k + 1/2) / rate.
@@ -124,7 +126,9 @@ class VideoSource
     // One picture and no more: shown for as long as the others last.
     bool IsStill() const { return !m_Next && m_bStill; }
     void SetRate(AVRational rate) { m_Rate = rate; }
-    void SetRange(AVColorRange range) { m_Colour.range = range; }
+    // In limited range unless they are RGB: that is what filters take pictures for.
+    void SetLimited() { m_Colour.range = AVCOL_RANGE_MPEG; }
+    void SetFormat(AVPixelFormat format);
 
     // Makes Bytes() the picture of the tick; false when the input has ended, and Bytes() stays.
     bool At(int64_t nTick);
@@ -151,6 +155,13 @@ class VideoSource
     bool m_bStill = true;
 };
 
+// The layout if its channels have places, else the usual one of as many channels. Owns nothing.
+AVChannelLayout Native(const AVChannelLayout& layout);
+// "stereo", "quad", "9 channels" as "9c".
+std::string LayoutName(const AVChannelLayout& layout);
+// The one that the library takes a number of channels for.
+bool IsDefault(const AVChannelLayout& layout);
+
 // An input's sound as packed samples without gaps: silence where the file has none.
 class AudioSource
 {
@@ -160,6 +171,7 @@ class AudioSource
     explicit AudioSource(Input& input);
 
     const telvane::AudioStream& Stream() const { return m_Stream; }
+    const AVChannelLayout& Layout() const { return m_Layout; }
     std::size_t FrameBytes() const { return m_nFrameBytes; }
     // Fills one block, with silence after the end; returns how many of its samples are real.
     int Read(std::vector<std::byte>& block);
@@ -194,6 +206,7 @@ struct OutputWish {
     std::string format; // wav, flac, mp4, mkv, y4m, png or raw; empty: by the extension
     std::optional<OutputVideo> video;
     std::optional<telvane::AudioStream> audio;
+    AVChannelLayout layout{};          // of the sound
     const AVStream* pPassed = nullptr; // a stream whose packets are copied
 };
 
@@ -222,7 +235,8 @@ class Output
 
   private:
     void OpenVideo(const OutputVideo& video, const std::string& format);
-    void OpenAudio(const telvane::AudioStream& audio, const std::string& format);
+    void OpenAudio(const telvane::AudioStream& audio, const AVChannelLayout& layout,
+                   const std::string& format);
     void Encode(AVCodecContext& codec, const AVStream& stream, const AVFrame* pFrame);
     void EncodeWaiting(bool bAll);
     AVStream& AddStream();

@@ -153,7 +153,7 @@ Output::Output(const OutputWish& wish) : m_Path(wish.path)
         OpenVideo(*wish.video, format);
     }
     if (wish.audio) {
-        OpenAudio(*wish.audio, format);
+        OpenAudio(*wish.audio, wish.layout, format);
     }
     if (wish.pPassed != nullptr) {
         const AVCodecParameters& parameters = *wish.pPassed->codecpar;
@@ -266,7 +266,8 @@ void Output::OpenVideo(const OutputVideo& video, const std::string& format)
     Check(avcodec_parameters_from_context(m_pVideoStream->codecpar, &codec), kOutput, m_Path);
 }
 
-void Output::OpenAudio(const telvane::AudioStream& audio, const std::string& format)
+void Output::OpenAudio(const telvane::AudioStream& audio, const AVChannelLayout& layout,
+                       const std::string& format)
 {
     AVCodecID id = ContainerOf(format).audio;
     id = id == AV_CODEC_ID_PCM_S16LE ? PcmOf(audio.format) : id;
@@ -274,20 +275,30 @@ void Output::OpenAudio(const telvane::AudioStream& audio, const std::string& for
     if (pCodec == nullptr) {
         throw Failure(kOutput, fmt::format("this FFmpeg has no encoder for {}", avcodec_get_name(id)));
     }
-    m_Audio.reset(avcodec_alloc_context3(pCodec));
-    if (!m_Audio) {
-        throw std::bad_alloc();
+    AVChannelLayout usual{};
+    av_channel_layout_default(&usual, audio.channels);
+    int nOpened = -1;
+    // An encoder that has not got the layout gets the usual one of as many channels.
+    for (const AVChannelLayout& tried : {layout, usual}) {
+        m_Audio.reset(avcodec_alloc_context3(pCodec));
+        if (!m_Audio) {
+            throw std::bad_alloc();
+        }
+        m_Audio->sample_fmt = id == AV_CODEC_ID_AAC ? AV_SAMPLE_FMT_FLTP : audio.format;
+        m_Audio->sample_rate = audio.rate;
+        m_Audio->ch_layout = tried;
+        m_Audio->time_base = {1, audio.rate};
+        m_Audio->bit_rate = id == AV_CODEC_ID_AAC ? 96000 * static_cast<int64_t>(audio.channels) : 0;
+        if ((m_Format->oformat->flags & AVFMT_GLOBALHEADER) != 0) {
+            m_Audio->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+        }
+        nOpened = avcodec_open2(m_Audio.get(), pCodec, nullptr);
+        if (nOpened >= 0) {
+            break;
+        }
     }
+    Check(nOpened, kOutput, pCodec->name);
     AVCodecContext& codec = *m_Audio;
-    codec.sample_fmt = id == AV_CODEC_ID_AAC ? AV_SAMPLE_FMT_FLTP : audio.format;
-    codec.sample_rate = audio.rate;
-    av_channel_layout_default(&codec.ch_layout, audio.channels);
-    codec.time_base = {1, audio.rate};
-    codec.bit_rate = id == AV_CODEC_ID_AAC ? 96000 * static_cast<int64_t>(audio.channels) : 0;
-    if ((m_Format->oformat->flags & AVFMT_GLOBALHEADER) != 0) {
-        codec.flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    }
-    Check(avcodec_open2(&codec, pCodec, nullptr), kOutput, pCodec->name);
     m_nFrameBytes = static_cast<std::size_t>(audio.channels) *
                     static_cast<std::size_t>(av_get_bytes_per_sample(audio.format));
     SwrContext* pResampler = nullptr;

@@ -14,6 +14,7 @@ extern "C" {
 #include <cstdio>
 #include <mutex>
 #include <unistd.h>
+#include <utility>
 
 namespace tool
 {
@@ -24,7 +25,8 @@ namespace
 struct Log {
     std::mutex mutex; // decoders write from threads of their own
     bool bVerbose = false;
-    std::string error;
+    std::string part;                // of a line that is not whole yet
+    std::vector<std::string> errors; // the first and the last
     std::string warning;
     int nPrefix = 1;
 };
@@ -53,17 +55,27 @@ void OnLog(void* pContext, int nLevel, const char* szFormat, va_list args)
     std::array<char, 1024> text{};
     av_log_format_line2(pContext, nLevel, szFormat, args, text.data(), static_cast<int>(text.size()),
                         &log.nPrefix);
-    std::string line(text.data());
     if (log.bVerbose) {
-        fmt::print(stderr, "{}", line);
+        fmt::print(stderr, "{}", text.data());
     }
-    while (!line.empty() && (line.back() == '\n' || line.back() == ' ')) {
-        line.pop_back();
+    if (nLevel > AV_LOG_WARNING) {
+        return;
     }
-    if (!line.empty() && nLevel <= AV_LOG_WARNING) {
-        // The last line says what failed, and of some versions only the first one says why.
-        std::string& kept = nLevel <= AV_LOG_ERROR ? log.error : log.warning;
-        kept = kept.empty() || nLevel > AV_LOG_ERROR ? line : kept.substr(0, kept.find('\n')) + '\n' + line;
+    log.part += text.data();
+    if (log.part.back() != '\n') {
+        return;
+    }
+    std::string line = std::exchange(log.part, {});
+    line.resize(line.find_last_not_of(" \n") + 1);
+    if (line.empty()) {
+        return;
+    }
+    if (nLevel > AV_LOG_ERROR) {
+        log.warning = std::move(line);
+    } else if (log.errors.size() < 2) {
+        log.errors.push_back(std::move(line));
+    } else {
+        log.errors.back() = std::move(line);
     }
 }
 
@@ -88,7 +100,8 @@ void BeginStep(std::string step)
 {
     Log& log = TheLog();
     const std::scoped_lock lock(log.mutex);
-    log.error.clear();
+    log.part.clear();
+    log.errors.clear();
     log.warning.clear();
     TheStep() = std::move(step);
 }
@@ -104,11 +117,11 @@ void CatchLog(bool bVerbose)
     av_log_set_callback(OnLog);
 }
 
-std::string LastLogLines()
+std::vector<std::string> LogLines()
 {
     Log& log = TheLog();
     const std::scoped_lock lock(log.mutex);
-    return log.error.empty() ? log.warning : log.error;
+    return log.errors.empty() && !log.warning.empty() ? std::vector{log.warning} : log.errors;
 }
 
 void CatchInterrupt()
@@ -121,8 +134,11 @@ void CatchInterrupt()
     action.sa_flags = static_cast<int>(SA_RESETHAND);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
-    // A reader that goes away is a failed write, not a silent death with a temporary file left behind.
+    sigaction(SIGHUP, &action, nullptr);
+    // A reader that goes away or a file that gets too large is a failed write, not a silent death with a
+    // temporary file left behind.
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+    static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
 }
 
 bool IsInterrupted()

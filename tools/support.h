@@ -4,19 +4,21 @@
 #include <chrono>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace tool
 {
 
 enum Exit : int {
     kDone = 0,
-    kOther = 1,         // no memory, an unexpected failure
-    kUsage = 2,         // wrong arguments
-    kInput = 3,         // an input cannot be opened, read or decoded
-    kOutput = 4,        // the output cannot be written
-    kGraph = 5,         // the description was refused, or failed while running
-    kNothing = 6,       // the description kept everything to itself
-    kInterrupted = 130, // Ctrl-C: the output holds what was done until then
+    kOther = 1,   // no memory, an unexpected failure
+    kUsage = 2,   // wrong arguments
+    kInput = 3,   // an input cannot be opened, read or decoded
+    kOutput = 4,  // the output cannot be written
+    kGraph = 5,   // the description was refused, or failed while running
+    kNothing = 6, // the description kept everything to itself
+    kInterrupted =
+        130, // Ctrl-C, TERM, HUP: the output holds what was done until then, if there was anything
 };
 
 // A failure in the step that BeginStep named last.
@@ -39,9 +41,9 @@ const std::string& CurrentStep();
 
 // FFmpeg's messages are kept back; with bVerbose they also go to standard error.
 void CatchLog(bool bVerbose);
-// FFmpeg's first and last error messages of this step on lines of their own, or else its last warning; may
-// be empty.
-std::string LastLogLines();
+// The first and the last error message of FFmpeg's in this step (the last says what failed, of some
+// versions only the first says why), or else its last warning.
+std::vector<std::string> LogLines();
 
 void CatchInterrupt();
 bool IsInterrupted();

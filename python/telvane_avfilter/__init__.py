@@ -182,7 +182,7 @@ def _complete(description, end):
 
 def _from_in(description):
     text = description.strip()
-    return description if not text or text.startswith("[") else "[in]" + description
+    return description if not text or text.startswith("[") or "[in]" in text else "[in]" + description
 
 
 class _Handle:
