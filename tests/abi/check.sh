@@ -3,9 +3,10 @@
 #
 # exports.txt   what the libraries export, and the declarations of it in the header
 # layouts.txt   records, globals and codes as a caller's compiler sees them
+# needs.txt     the libraries that it is linked with and the only functions that it may call in them
 #
-# KEEP=1 writes the lists anew: after a change that removes or alters a line, raise the header's MAJOR;
-# after one that only adds lines, its MINOR.
+# KEEP=1 writes the lists anew: after a change that removes or alters a line of the first two, raise the
+# header's MAJOR; after one that only adds lines, its MINOR.
 set -euo pipefail
 mapfile -t libraries < <(realpath "$@")
 cd "$(dirname "$0")"
@@ -19,18 +20,28 @@ trap 'rm -rf "$work"' EXIT
         nm -D --defined-only "$library" | sed -e 's/@.*//' -e 's/ [TW] / function /' -e 's/ [BDRV] / object /' |
             sed "s/^[0-9a-f]* */$soname /" | LC_ALL=C sort
     done
+    # The system's base library is not for us to check.
+    [[ ${#libraries[@]} -gt 1 ]] || grep '^libTelvane_BaseLib' exports.txt
     # One declaration to a line, without attributes.
     "${CXX:-c++}" -E -P -x c++ "$header" | tr -s ' \n' ' ' | tr ';{' '\n\n' |
         sed -n 's/^ *\(extern \)\{0,1\}__attribute__((visibility("default"))) //p'
 } >"$work/exports.txt"
-"${CC:-cc}" -std=c11 -I ../../include -o "$work/layouts" layouts.c
+sed -n 's/^#define \(AVFILTER_ERROR_[A-Z_]*\) .*/CODE(\1);/p' "$header" >"$work/codes.h"
+"${CC:-cc}" -std=c11 -I ../../include -I "$work" -o "$work/layouts" layouts.c
 "$work/layouts" >"$work/layouts.txt"
+{
+    readelf -d "${libraries[0]}" | sed -n 's/.*(NEEDED).*\[\(lib\(av\|sw\|postproc\|Telvane\).*\)\.so.*/library \1/p'
+    pkg-config --exists libpostproc || echo library libpostproc # from FFmpeg 8 on there is none
+    nm -D --undefined-only "${libraries[0]}" | sed -nE 's/@.*//; s/.* ((av|sw|pp_|postproc|BaseLib).*)/function \1/p'
+} | LC_ALL=C sort >"$work/needs.txt"
 
 if [[ -n ${KEEP-} ]]; then
     cp "$work"/*.txt .
 fi
 failed=0
-for list in exports.txt layouts.txt; do
+for list in exports.txt layouts.txt needs.txt; do
     diff -u --label "$list (kept)" --label "$list (built)" "$list" "$work/$list" || failed=1
 done
+diff -u --label declared --label exported <(sed -n '/^lib/!s/^.* \([A-Za-z_]*\)\((.*\)\{0,1\}$/\1/p' exports.txt | sort) \
+    <(sed -n 's/^libTelvane_AVFilter[^ ]* [a-z]* //p' exports.txt | sort) || failed=1
 exit "$failed"

@@ -96,49 +96,4 @@ TEST_F(Scaler, WorksFromTheFirstSuccessfulSetOn)
     }
 }
 
-TEST_F(Scaler, OtherHandles)
-{
-    unsigned long long hNew = 0;
-    Bytes bytes(64);
-    int nLen = 12;
-    EXPECT_OK(AVFilter_VideoScale_Init(&hNew));
-    ExpectFailure(AVFilter_VideoScale_Fmt(hNew, "", bytes.data(), &nLen), AVFILTER_ERROR_VIDEO_SCALE);
-    EXPECT_OK(AVFilter_VideoScale_Destory(hNew));
-    for (const unsigned long long h : {hNew, 0ULL, ~0ULL}) {
-        ExpectFailure(AVFilter_VideoScale_Set(h, 0, 4, 4, 0, 4, 4), AVFILTER_ERROR_VIDEO_NOT_FOUND);
-        ExpectFailure(AVFilter_VideoScale_Fmt(h, nullptr, bytes.data(), &nLen),
-                      AVFILTER_ERROR_VIDEO_NOT_FOUND);
-        EXPECT_OK(AVFilter_VideoScale_Destory(h));
-    }
-    EXPECT_EQ(nLen, 12);
-    ExpectFailure(AVFilter_VideoScale_Init(nullptr), AVFILTER_ERROR_VIDEO_INVALID_PARAM);
-}
-
-TEST_F(Scaler, PaletteSource)
-{
-    constexpr std::size_t kPixels = 39;
-    const Bytes source = test::Noise(kPixels + 1024); // indices, then 256 colours of 4 bytes
-    Bytes out(kPixels * 4);
-    int nLen = kPixels * 4;
-    EXPECT_OK(Set({AV_PIX_FMT_PAL8, 13, 3, AV_PIX_FMT_RGB32, 13, 3}));
-    EXPECT_OK(Fmt(source.data(), out.data(), &nLen));
-    for (std::size_t i = 0; i < kPixels; ++i) {
-        EXPECT_EQ(std::memcmp(&out[4 * i], &source[kPixels + std::size_t{4} * source[i]], 4), 0) << i;
-    }
-}
-
-TEST_F(Scaler, CyclesKeepNoMemory)
-{
-    const Bytes source = test::Noise(2562);
-    Bytes out(5124);
-    test::ExpectFlatMemory([&] {
-        int nLen = static_cast<int>(out.size());
-        ASSERT_TRUE(AVFilter_VideoScale_Destory(m_hScaler) && AVFilter_VideoScale_Init(&m_hScaler));
-        ASSERT_TRUE(Set({AV_PIX_FMT_YUV420P, 16, 2, AV_PIX_FMT_GRAY8, 16, 2}));
-        ASSERT_FALSE(Set({0, 0, 0, 0, 0, 0}));
-        ASSERT_TRUE(Set({AV_PIX_FMT_NV12, 854, 2, AV_PIX_FMT_RGB24, 854, 2}));
-        ASSERT_TRUE(Fmt(source.data(), out.data(), &nLen));
-    });
-}
-
 } // namespace

@@ -4,7 +4,6 @@
 #include "../../src/frame/handle.h"
 #include "Telvane_AVFilter.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <dlfcn.h>
 #include <map>
@@ -76,45 +75,42 @@ bool Enter(const char* szFunction, void* pCaller)
         return real arguments;                                                                             \
     }
 
-#define EVERY_OVERRIDE(X)                                                                                  \
-    X(AVFilterGraph*, avfilter_graph_alloc, (), (), nullptr)                                               \
-    X(AVFilterInOut*, avfilter_inout_alloc, (), (), nullptr)                                               \
-    X(const AVFilter*, avfilter_get_by_name, (const char* a), (a), nullptr)                                \
-    X(int, avfilter_graph_create_filter,                                                                   \
-      (AVFilterContext * *a, const AVFilter* b, const char* c, const char* d, void* e, AVFilterGraph* f),  \
-      (a, b, c, d, e, f), AVERROR(ENOMEM))                                                                 \
-    X(int, avfilter_graph_parse_ptr,                                                                       \
-      (AVFilterGraph * a, const char* b, AVFilterInOut** c, AVFilterInOut** d, void* e), (a, b, c, d, e),  \
-      AVERROR(ENOMEM))                                                                                     \
-    X(int, avfilter_graph_config, (AVFilterGraph * a, void* b), (a, b), AVERROR(ENOMEM))                   \
-    X(int, av_buffersrc_add_frame, (AVFilterContext * a, AVFrame * b), (a, b), AVERROR(ENOMEM))            \
-    X(int, av_buffersink_get_frame, (AVFilterContext * a, AVFrame * b), (a, b), AVERROR(ENOMEM))           \
-    X(AVFrame*, av_frame_alloc, (), (), nullptr)                                                           \
-    X(int, av_frame_get_buffer, (AVFrame * a, int b), (a, b), AVERROR(ENOMEM))                             \
-    X(char*, av_strdup, (const char* a), (a), nullptr)                                                     \
-    X(void*, av_malloc, (size_t a), (a), nullptr)                                                          \
-    X(int, av_image_alloc, (uint8_t * a[4], int b[4], int c, int d, enum AVPixelFormat e, int f),          \
-      (a, b, c, d, e, f), AVERROR(ENOMEM))                                                                 \
-    X(int, av_image_fill_arrays,                                                                           \
-      (uint8_t * a[4], int b[4], const uint8_t* c, enum AVPixelFormat d, int e, int f, int g),             \
-      (a, b, c, d, e, f, g), AVERROR(EINVAL))                                                              \
-    X(int, av_image_get_buffer_size, (enum AVPixelFormat a, int b, int c, int d), (a, b, c, d),            \
-      AVERROR(EINVAL))                                                                                     \
-    X(int, av_channel_layout_describe, (const AVChannelLayout* a, char* b, size_t c), (a, b, c),           \
-      AVERROR(EINVAL))                                                                                     \
-    X(const char*, av_get_sample_fmt_name, (enum AVSampleFormat a), (a), nullptr)                          \
-    X(int, av_samples_get_buffer_size, (int* a, int b, int c, enum AVSampleFormat d, int e),               \
-      (a, b, c, d, e), AVERROR(EINVAL))                                                                    \
-    X(SwsContext*, sws_getContext,                                                                         \
-      (int a, int b, enum AVPixelFormat c, int d, int e, enum AVPixelFormat f, int g, SwsFilter* h,        \
-       SwsFilter* i, const double* j),                                                                     \
-      (a, b, c, d, e, f, g, h, i, j), nullptr)                                                             \
-    X(int, sws_scale,                                                                                      \
-      (SwsContext * a, const uint8_t* const b[], const int c[], int d, int e, uint8_t* const f[],          \
-       const int g[]),                                                                                     \
-      (a, b, c, d, e, f, g), 0)
-
-EVERY_OVERRIDE(OVERRIDE)
+OVERRIDE(AVFilterGraph*, avfilter_graph_alloc, (), (), nullptr)
+OVERRIDE(AVFilterInOut*, avfilter_inout_alloc, (), (), nullptr)
+OVERRIDE(const AVFilter*, avfilter_get_by_name, (const char* a), (a), nullptr)
+OVERRIDE(int, avfilter_graph_create_filter,
+         (AVFilterContext * *a, const AVFilter* b, const char* c, const char* d, void* e, AVFilterGraph* f),
+         (a, b, c, d, e, f), AVERROR(ENOMEM))
+OVERRIDE(int, avfilter_graph_parse_ptr,
+         (AVFilterGraph * a, const char* b, AVFilterInOut** c, AVFilterInOut** d, void* e), (a, b, c, d, e),
+         AVERROR(ENOMEM))
+OVERRIDE(int, avfilter_graph_config, (AVFilterGraph * a, void* b), (a, b), AVERROR(ENOMEM))
+OVERRIDE(int, av_buffersrc_add_frame, (AVFilterContext * a, AVFrame* b), (a, b), AVERROR(ENOMEM))
+OVERRIDE(int, av_buffersink_get_frame, (AVFilterContext * a, AVFrame* b), (a, b), AVERROR(ENOMEM))
+OVERRIDE(AVFrame*, av_frame_alloc, (), (), nullptr)
+OVERRIDE(int, av_frame_get_buffer, (AVFrame * a, int b), (a, b), AVERROR(ENOMEM))
+OVERRIDE(char*, av_strdup, (const char* a), (a), nullptr)
+OVERRIDE(void*, av_malloc, (size_t a), (a), nullptr)
+OVERRIDE(int, av_image_alloc, (uint8_t * a[4], int b[4], int c, int d, enum AVPixelFormat e, int f),
+         (a, b, c, d, e, f), AVERROR(ENOMEM))
+OVERRIDE(int, av_image_fill_arrays,
+         (uint8_t * a[4], int b[4], const uint8_t* c, enum AVPixelFormat d, int e, int f, int g),
+         (a, b, c, d, e, f, g), AVERROR(EINVAL))
+OVERRIDE(int, av_image_get_buffer_size, (enum AVPixelFormat a, int b, int c, int d), (a, b, c, d),
+         AVERROR(EINVAL))
+OVERRIDE(int, av_channel_layout_describe, (const AVChannelLayout* a, char* b, size_t c), (a, b, c),
+         AVERROR(EINVAL))
+OVERRIDE(const char*, av_get_sample_fmt_name, (enum AVSampleFormat a), (a), nullptr)
+OVERRIDE(int, av_samples_get_buffer_size, (int* a, int b, int c, enum AVSampleFormat d, int e),
+         (a, b, c, d, e), AVERROR(EINVAL))
+OVERRIDE(SwsContext*, sws_getContext,
+         (int a, int b, enum AVPixelFormat c, int d, int e, enum AVPixelFormat f, int g, SwsFilter* h,
+          SwsFilter* i, const double* j),
+         (a, b, c, d, e, f, g, h, i, j), nullptr)
+OVERRIDE(int, sws_scale,
+         (SwsContext * a, const uint8_t* const b[], const int c[], int d, int e, uint8_t* const f[],
+          const int g[]),
+         (a, b, c, d, e, f, g), 0)
 
 extern "C" bool BaseLib_OperatorHandle_Create(unsigned long long* phHandle, unsigned long long nLower,
                                               unsigned long long nUpper, int nOption)
@@ -159,23 +155,9 @@ std::vector<std::string> Log()
     return TheState().vec_Log;
 }
 
-int Count(const std::string& szFunction)
-{
-    const std::vector<std::string>& vec_Log = TheState().vec_Log;
-    return static_cast<int>(std::count(vec_Log.begin(), vec_Log.end(), szFunction));
-}
-
 int Failed()
 {
     return TheState().nFailed;
-}
-
-const std::vector<std::string>& Functions()
-{
-#define NAME(result, name, parameters, arguments, failure) #name,
-    static const std::vector<std::string> vec_Names{EVERY_OVERRIDE(NAME)};
-#undef NAME
-    return vec_Names;
 }
 
 } // namespace faults

@@ -23,13 +23,7 @@ void Reset();
 // The library's calls since Reset, by name, in order.
 std::vector<std::string> Log();
 
-// How many calls of this function the log holds.
-int Count(const std::string& szFunction);
-
 // The number of calls that were made to fail since Reset.
 int Failed();
-
-// All functions that can be made to fail.
-const std::vector<std::string>& Functions();
 
 } // namespace faults

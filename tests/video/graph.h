@@ -1,13 +1,7 @@
-// A video graph under test: a filter, or a mix.
+// A handle of the video family and its calls with every result checked.
 #pragma once
 
-#include "support/support.h"
-
-extern "C" {
-#include <libavutil/log.h>
-}
-
-#include <optional>
+#include "support/graph.h"
 
 namespace test
 {
@@ -18,28 +12,24 @@ inline AVFILTER_VIDEO_INFO VideoInput(const char* szName, int nInputId, int nWid
     return VideoInfo(nWidth, nHeight, nTimeBase, kYuv420p, szName, nInputId);
 }
 
-class Graph
+class VideoGraph : public Graph<Video>
 {
   public:
-    ~Graph() { EXPECT_OK(bMix ? AVFilter_Video_MIXDestroy(hGraph) : AVFilter_Video_Destroy(hGraph)); }
-    Graph(const Graph&) = delete;
-    Graph& operator=(const Graph&) = delete;
+    using Graph::Graph;
 
-    // To a mix.
     bool Send(int nInputId, Picture& picture, bool bWhole = false) const
     {
-        return AVFilter_Video_MIXSend(hGraph, nInputId, picture.Plane(0),
+        return AVFilter_Video_MIXSend(Get(), nInputId, picture.Plane(0),
                                       bWhole ? nullptr : picture.Plane(1), picture.Plane(2), picture.nLuma,
                                       picture.nChroma, picture.nChroma);
     }
-    // Nothing if the graph gave nothing, with the report of that and the outputs checked.
-    std::optional<Bytes> Receive(std::size_t nSize) const
+    Bytes Recv() const
     {
-        return Output(
-            nSize, [&](unsigned char* pOut, int* pn) { return AVFilter_Video_MIXRecv(hGraph, pOut, pn); });
+        return Take<unsigned char>(
+            [this](unsigned char* pOut, int* pnOut) { return Video::MixRecv(Get(), pOut, pnOut); });
     }
-    // One picture through either kind, from memory that can only be read.
-    std::optional<Bytes> Run(Picture picture, bool bWhole, std::size_t nSize) const
+    // One picture through a filter, or through input 0 of a mix, from memory that can only be read.
+    Bytes Run(Picture picture, bool bWhole, bool bMix = false) const
     {
         const auto nChroma = static_cast<std::size_t>(bWhole ? 0 : picture.nChroma);
         GuardedBuffer u(nChroma);
@@ -57,51 +47,12 @@ class Graph
         const int nY = bWhole ? -1 : picture.nLuma;
         const int nUV = bWhole ? -1 : picture.nChroma;
         if (bMix) {
-            EXPECT_OK(AVFilter_Video_MIXSend(hGraph, 0, y.Data(), pU, pV, nY, nUV, nUV));
-            return Receive(nSize);
+            EXPECT_OK(AVFilter_Video_MIXSend(Get(), 0, y.Data(), pU, pV, nY, nUV, nUV));
+            return Recv();
         }
-        return Output(nSize, [&](unsigned char* pOut, int* pn) {
-            return AVFilter_Video_Cvt(hGraph, y.Data(), pU, pV, nY, nUV, nUV, pOut, pn);
+        return Take<unsigned char>([&](unsigned char* pOut, int* pnOut) {
+            return AVFilter_Video_Cvt(Get(), y.Data(), pU, pV, nY, nUV, nUV, pOut, pnOut);
         });
-    }
-
-    unsigned long long hGraph = 0;
-
-  protected:
-    explicit Graph(bool bMix_) : bMix(bMix_) { av_log_set_level(AV_LOG_QUIET); }
-
-  private:
-    template <class Call>
-    static std::optional<Bytes> Output(std::size_t nSize, const Call& call)
-    {
-        GuardedBuffer out(nSize);
-        const Bytes untouched = out.Copy();
-        int nLen = -5;
-        if (!call(out.Data(), &nLen)) {
-            ExpectFailure(false, AVFILTER_ERROR_VIDEO_RECEIVE_FRAME);
-            EXPECT_TRUE(nLen == -5 && out.Copy() == untouched);
-            return std::nullopt;
-        }
-        EXPECT_FALSE(AVFilter_IsErrorOccur);
-        EXPECT_EQ(nLen, static_cast<int>(nSize));
-        return out.Copy();
-    }
-
-    bool bMix;
-};
-
-struct Filter : Graph {
-    Filter(const char* szDescr, AVFILTER_VIDEO_INFO st_Info) : Graph(false)
-    {
-        EXPECT_OK(AVFilter_Video_Init(&hGraph, szDescr, &st_Info));
-    }
-};
-
-struct Mix : Graph {
-    Mix(const char* szDescr, const std::vector<AVFILTER_VIDEO_INFO>& vec_Inputs) : Graph(true)
-    {
-        VideoInfos infos(vec_Inputs);
-        EXPECT_OK(AVFilter_Video_MIXInit(&hGraph, infos.Get(), infos.Count(), "out", szDescr));
     }
 };
 
