@@ -215,10 +215,7 @@ Exit RunAudio(const Options& options)
         throw Failure(kNothing, "the description gave no sound");
     }
     if (pPassing != nullptr) {
-        if (!IsInterrupted()) {
-            pPassing->ReadRest();
-        }
-        output.WritePassed(pPassing->Passed(), IsInterrupted() ? dTime : 1e18);
+        output.WriteRest(*pPassing, IsInterrupted() ? dTime : options.dLength > 0 ? options.dLength : 1e18);
     }
     const bool bInterrupted = IsInterrupted();
     output.Finish();

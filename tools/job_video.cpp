@@ -212,12 +212,9 @@ Exit FinishVideo(const Options& options, const std::vector<std::unique_ptr<Input
     const double dSeconds = static_cast<double>(output.Pictures()) / av_q2d(plan.out.rate);
     const bool bInterrupted = IsInterrupted();
     if (pPassing != nullptr) {
-        if (!bInterrupted) {
-            pPassing->ReadRest();
-        }
         // Sound that is longer than the pictures stays, unless the end was asked for.
         const bool bCut = bInterrupted || !bInputEnds;
-        output.WritePassed(pPassing->Passed(), bCut ? dSeconds : 1e18);
+        output.WriteRest(*pPassing, bCut ? dSeconds : 1e18);
     }
     output.Finish();
     WarnOfDamage(inputs);
