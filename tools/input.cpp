@@ -39,6 +39,8 @@ constexpr int64_t kPriming = AV_TIME_BASE / 10;
 constexpr int64_t kJumpBack = AV_TIME_BASE / 10;
 constexpr int64_t kJump = 10 * static_cast<int64_t>(AV_TIME_BASE);
 
+constexpr std::size_t kLargePile = 32 * 1024 * 1024; // bytes
+
 // How long a picture is shown, in the units of its pts; 0: not known.
 int64_t ShownFor(const AVFrame& frame)
 {
@@ -209,6 +211,17 @@ bool Input::ReadPacket(AVPacket& packet)
     SetClock(packet);
     if (m_pPassed != nullptr && packet.stream_index == m_pPassed->index) {
         m_Passed.push_back(Made<PacketPtr>(av_packet_clone(&packet)));
+        m_nPile += static_cast<std::size_t>(packet.size);
+        if (m_Drain && m_nPile > kLargePile) {
+            m_nPile = 0; // what was taken from it was not counted
+            for (const PacketPtr& passed : m_Passed) {
+                m_nPile += static_cast<std::size_t>(passed->size);
+            }
+            if (m_nPile > kLargePile) {
+                m_Drain();
+                m_nPile = 0;
+            }
+        }
     }
     return true;
 }

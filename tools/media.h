@@ -13,6 +13,7 @@ extern "C" {
 }
 
 #include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -73,6 +74,8 @@ class Input
     const AVStream& Stream() const { return *m_pStream; }
     const AVStream* PassedStream() const { return m_pPassed; }
     std::deque<PacketPtr>& Passed() { return m_Passed; }
+    // Called when Passed() has grown large, because the decoded stream is far behind or has ended.
+    void OnPile(std::function<void()> drain) { m_Drain = std::move(drain); }
 
     // The next frame, with its pts counted from the start of the file; false at the end.
     bool Next(AVFrame& frame);
@@ -101,6 +104,8 @@ class Input
     const AVStream* m_pStream = nullptr;
     const AVStream* m_pPassed = nullptr;
     std::deque<PacketPtr> m_Passed;
+    std::size_t m_nPile = 0; // bytes of it, at most
+    std::function<void()> m_Drain;
     std::vector<Clock> m_Clocks;
     int64_t m_nStart = 0; // the file's time where our clock is 0, in AV_TIME_BASE
     bool m_bAvi = false;
@@ -227,7 +232,9 @@ class Output
     // The packets of an input's passed-on stream that begin before this time, in seconds; false if there is
     // one that does not.
     bool WritePassed(std::deque<PacketPtr>& packets, double dUntil);
-    // The same, reading on as far as needed. No pictures or samples can follow.
+    // Writes what piles up in the input ahead of its time, up to this one, and drops what comes after.
+    void DrainPile(Input* pInput, double dUntil);
+    // The rest until then, reading on as far as needed. No pictures or samples can follow.
     void WriteRest(Input& input, double dUntil);
     void Finish();
 

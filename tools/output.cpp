@@ -459,6 +459,17 @@ bool Output::WritePassed(std::deque<PacketPtr>& packets, double dUntil)
     return true;
 }
 
+void Output::DrainPile(Input* pInput, double dUntil)
+{
+    if (pInput != nullptr) {
+        pInput->OnPile([this, pInput, dUntil] {
+            if (!WritePassed(pInput->Passed(), dUntil)) {
+                pInput->Passed().clear();
+            }
+        });
+    }
+}
+
 void Output::WriteRest(Input& input, double dUntil)
 {
     // The muxer interleaves what it is given within seconds: the encoders must not hold anything back.
