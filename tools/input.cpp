@@ -39,7 +39,7 @@ constexpr int64_t kPriming = AV_TIME_BASE / 10;
 constexpr int64_t kJumpBack = AV_TIME_BASE / 10;
 constexpr int64_t kJump = 10 * static_cast<int64_t>(AV_TIME_BASE);
 
-constexpr std::size_t kLargePile = 32 * 1024 * 1024; // bytes
+constexpr std::size_t kLargePile = std::size_t{32} << 20U; // bytes
 
 // How long a picture is shown, in the units of its pts; 0: not known.
 int64_t ShownFor(const AVFrame& frame)
