@@ -188,7 +188,7 @@ bool Input::PassOn(AVMediaType kind)
         return false;
     }
     m_pPassed = pStream;
-    if (pStream->codecpar->codec_id != AV_CODEC_ID_H264 &&
+    if (kind == AVMEDIA_TYPE_VIDEO && pStream->codecpar->codec_id != AV_CODEC_ID_H264 &&
         pStream->codecpar->codec_id != AV_CODEC_ID_HEVC) {
         m_Format->flags |= AVFMT_FLAG_GENPTS; // which gets the order of these two wrong
     }

@@ -204,6 +204,10 @@ Output::Output(const OutputWish& wish) : m_Path(wish.path), m_Target(wish.path)
         nOpened = avformat_write_header(m_Format.get(), &pOptions);
     }
     av_dict_free(&pOptions);
+    if (nOpened < 0) { // nothing is destroyed that was not constructed
+        m_Format.reset();
+        static_cast<void>(std::remove(m_Temporary.c_str()));
+    }
     Check(nOpened, kOutput, m_Path);
 }
 
