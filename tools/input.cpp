@@ -36,6 +36,23 @@ Ptr Made(typename Ptr::pointer p)
     return p != nullptr ? Ptr(p) : throw std::bad_alloc();
 }
 
+// In AV_TIME_BASE.
+constexpr int64_t kPriming = AV_TIME_BASE / 10;
+constexpr int64_t kJumpBack = AV_TIME_BASE / 10;
+constexpr int64_t kJump = 10 * static_cast<int64_t>(AV_TIME_BASE);
+
+constexpr std::size_t kLargePile = std::size_t{32} << 20U; // bytes
+
+// How long a picture is shown, in the units of its pts; 0: not known.
+int64_t ShownFor(const AVFrame& frame)
+{
+#if LIBAVUTIL_VERSION_MAJOR >= 58 // 6.0 renamed it
+    return frame.duration;
+#else
+    return frame.pkt_duration;
+#endif
+}
+
 // The full-range formats of JPEG files are the plain ones with another range.
 AVPixelFormat Plain(AVPixelFormat format)
 {
@@ -96,23 +113,39 @@ Input::Input(const Source& source) : m_Name(source.name), m_Path(source.path)
         }
     }
     AVDictionary* pOptions = nullptr;
-    if (nColon != std::string::npos) {
-        av_dict_parse_string(&pOptions, source.format.c_str() + nColon + 1, "=", ":", 0);
+    if (nColon != std::string::npos &&
+        av_dict_parse_string(&pOptions, source.format.c_str() + nColon + 1, "=", ":", 0) < 0) {
+        av_dict_free(&pOptions);
+        throw Failure(kUsage, fmt::format("--from {}: write FORMAT:OPTION=VALUE:...", source.format));
     }
     // A colon in the name of a file that exists is no protocol.
-    const std::string url = m_Path == "-"                     ? "pipe:0"
-                            : std::filesystem::exists(m_Path) ? "file:" + m_Path
-                                                              : m_Path;
+    std::error_code ignored;
+    const std::string url = m_Path == "-"                              ? "pipe:0"
+                            : std::filesystem::exists(m_Path, ignored) ? "file:" + m_Path
+                                                                       : m_Path;
     AVFormatContext* pContext = avformat_alloc_context();
     if (pContext == nullptr) {
         throw std::bad_alloc();
     }
     pContext->interrupt_callback.callback = Interrupted;
     const int nOpened = avformat_open_input(&pContext, url.c_str(), pFormat, &pOptions);
+    const AVDictionaryEntry* pUnused =
+        nOpened >= 0 ? av_dict_get(pOptions, "", nullptr, AV_DICT_IGNORE_SUFFIX) : nullptr;
+    const std::string unused = pUnused != nullptr ? pUnused->key : "";
     av_dict_free(&pOptions);
     Check(nOpened, kInput, m_Path);
     m_Format.reset(pContext);
+    if (!unused.empty()) {
+        throw Failure(kUsage, fmt::format("--from {}: {} has no option \"{}\"", source.format,
+                                          pContext->iformat->name, unused));
+    }
     Check(avformat_find_stream_info(pContext, nullptr), kInput, m_Path);
+    // The clock starts with the file; what a codec needs before 0 is decoded and dropped.
+    if (pContext->start_time != AV_NOPTS_VALUE &&
+        (pContext->start_time > 0 || pContext->start_time < -kPriming)) {
+        m_nStart = pContext->start_time;
+    }
+    m_bAvi = std::strcmp(pContext->iformat->name, "avi") == 0;
     m_Packet = Made<PacketPtr>(av_packet_alloc());
     for (unsigned i = 0; i < m_Format->nb_streams; ++i) {
         m_Format->streams[i]->discard = AVDISCARD_ALL;
@@ -157,6 +190,10 @@ bool Input::PassOn(AVMediaType kind)
         return false;
     }
     m_pPassed = pStream;
+    if (kind == AVMEDIA_TYPE_VIDEO && pStream->codecpar->codec_id != AV_CODEC_ID_H264 &&
+        pStream->codecpar->codec_id != AV_CODEC_ID_HEVC) {
+        m_Format->flags |= AVFMT_FLAG_GENPTS; // which gets the order of these two wrong
+    }
     return true;
 }
 
@@ -173,28 +210,57 @@ bool Input::ReadPacket(AVPacket& packet)
         return false;
     }
     Check(nRead, kInput, m_Path);
-    const AVStream& stream = *m_Format->streams[packet.stream_index];
-    // The clock starts with the file; what a codec needs before 0 is decoded and dropped.
-    if (m_Format->start_time != AV_NOPTS_VALUE && m_Format->start_time > 0) {
-        const int64_t nStart =
-            av_rescale_q(m_Format->start_time, AVRational{1, AV_TIME_BASE}, stream.time_base);
-        for (int64_t* pTime : {&packet.pts, &packet.dts}) {
-            *pTime -= *pTime != AV_NOPTS_VALUE ? nStart : 0;
-        }
-    }
+    SetClock(packet);
     if (m_pPassed != nullptr && packet.stream_index == m_pPassed->index) {
         m_Passed.push_back(Made<PacketPtr>(av_packet_clone(&packet)));
-    }
-    if (m_pStream != nullptr && packet.stream_index == m_pStream->index && packet.pts != AV_NOPTS_VALUE) {
-        m_nEnd = std::max(m_nEnd, packet.pts + packet.duration);
+        m_nPile += static_cast<std::size_t>(packet.size);
+        if (m_Drain && m_nPile > kLargePile) {
+            m_nPile = 0; // what was taken from it was not counted
+            for (const PacketPtr& passed : m_Passed) {
+                m_nPile += static_cast<std::size_t>(passed->size);
+            }
+            if (m_nPile > kLargePile) {
+                m_Drain();
+                m_nPile = 0;
+            }
+        }
     }
     return true;
 }
 
-void Input::ReadRest()
+void Input::SetClock(AVPacket& packet)
 {
-    while (!IsInterrupted() && ReadPacket(*m_Packet)) {
+    const AVRational base = m_Format->streams[packet.stream_index]->time_base;
+    const AVCodecParameters& parameters = *m_Format->streams[packet.stream_index]->codecpar;
+    if (m_Clocks.size() < m_Format->nb_streams) {
+        m_Clocks.resize(m_Format->nb_streams);
     }
+    // Where recordings were joined or cut, the clock jumps, and the file's goes on from where it was.
+    if ((m_Format->iformat->flags & AVFMT_TS_DISCONT) != 0 && packet.dts != AV_NOPTS_VALUE) {
+        Clock& clock = m_Clocks[static_cast<std::size_t>(packet.stream_index)];
+        const int64_t nTime = av_rescale_q(packet.dts, base, AV_TIME_BASE_Q);
+        const int64_t nLength = av_rescale_q(packet.duration, base, AV_TIME_BASE_Q);
+        const int64_t nJump = clock.nLast != AV_NOPTS_VALUE ? nTime - m_nStart - clock.nExpected : 0;
+        if (std::abs(nJump) > kJump ||
+            (clock.nLast != AV_NOPTS_VALUE && nTime - m_nStart < clock.nLast - kJumpBack)) {
+            m_nStart += nJump;
+        }
+        clock.nLast = nTime - m_nStart;
+        clock.nExpected = clock.nLast + nLength;
+    }
+    int64_t nStart = av_rescale_q(m_nStart, AV_TIME_BASE_Q, base);
+    if (m_bAvi && parameters.codec_type == AVMEDIA_TYPE_VIDEO) {
+        // Its packets are counted in coded order: without this, the pictures are late by the reordering.
+        nStart += parameters.video_delay;
+    }
+    for (int64_t* pTime : {&packet.pts, &packet.dts}) {
+        *pTime -= *pTime != AV_NOPTS_VALUE ? nStart : 0;
+    }
+}
+
+bool Input::ReadOn()
+{
+    return !IsInterrupted() && ReadPacket(*m_Packet);
 }
 
 bool Input::Next(AVFrame& frame)
@@ -208,9 +274,10 @@ bool Input::Next(AVFrame& frame)
             m_nNext = frame.pts +
                       (frame.nb_samples > 0
                            ? av_rescale_q(frame.nb_samples, {1, frame.sample_rate}, m_pStream->time_base)
-                       : rate.num > 0 ? av_rescale_q(1, av_inv_q(rate), m_pStream->time_base)
-                                      : 1);
-            m_nEnd = std::max(m_nEnd, frame.pts + 1);
+                       : ShownFor(frame) > 0 ? ShownFor(frame)
+                       : rate.num > 0        ? av_rescale_q(1, av_inv_q(rate), m_pStream->time_base)
+                                             : 1);
+            m_nEnd = std::max(m_nEnd, m_nNext);
             return true;
         }
         if (nReceived == AVERROR_EOF || IsInterrupted()) {
@@ -431,7 +498,7 @@ AudioSource::AudioSource(Input& input) : m_pInput(&input), m_Frame(NewFrame())
 
     m_Layout = Native(first.ch_layout);
     Configure(first);
-    Append(&first);
+    Place();
 }
 
 void AudioSource::Configure(const AVFrame& frame)
@@ -448,23 +515,22 @@ void AudioSource::Configure(const AVFrame& frame)
     m_From = {static_cast<AVSampleFormat>(frame.format), frame.sample_rate, frame.ch_layout.nb_channels, 0};
 }
 
+void AudioSource::Place()
+{
+    // Where the file has a gap, silence; where it overlaps or begins before 0, what is over is dropped.
+    // 10 ms: coarse time bases wobble by less.
+    const int64_t nAt =
+        av_rescale_q(m_Frame->pts, m_pInput->Stream().time_base, AVRational{1, m_Stream.rate});
+    const int64_t nGap = nAt - m_nSamples - swr_get_delay(m_Resampler.get(), m_Stream.rate);
+    m_nSkip = nGap < -m_Stream.rate / 100 ? -nGap : 0;
+    m_nSilence = nGap > m_Stream.rate / 100 ? nGap : 0;
+    if (m_nSilence == 0) {
+        Append(m_Frame.get());
+    }
+}
+
 void AudioSource::Append(const AVFrame* pFrame)
 {
-    int64_t nSkip = 0;
-    if (pFrame != nullptr) {
-        // Where the file has a gap, silence; where it overlaps or begins before 0, what is over is
-        // dropped. 10 ms: coarse time bases wobble by less.
-        const int64_t nAt =
-            av_rescale_q(pFrame->pts, m_pInput->Stream().time_base, AVRational{1, m_Stream.rate});
-        const int64_t nExpected = m_nSamples + swr_get_delay(m_Resampler.get(), m_Stream.rate);
-        const int64_t nGap = nAt - nExpected;
-        if (nGap > m_Stream.rate / 100) {
-            m_Waiting.resize(m_Waiting.size() + static_cast<std::size_t>(nGap) * m_nFrameBytes);
-            m_nSamples += nGap;
-        } else if (nGap < -m_Stream.rate / 100) {
-            nSkip = -nGap;
-        }
-    }
     const int nRoom = swr_get_out_samples(m_Resampler.get(), pFrame != nullptr ? pFrame->nb_samples : 0);
     std::vector<std::byte> samples(static_cast<std::size_t>(nRoom) * m_nFrameBytes);
     auto* pOut = reinterpret_cast<uint8_t*>(samples.data());
@@ -480,7 +546,7 @@ void AudioSource::Append(const AVFrame* pFrame)
         Check(swr_convert(m_Resampler.get(), &pOut, nRoom, pFrame != nullptr ? planes.data() : nullptr,
                           pFrame != nullptr ? pFrame->nb_samples : 0),
               kInput, "converting samples");
-    const int64_t nKept = std::max<int64_t>(0, nMade - nSkip);
+    const int64_t nKept = std::max<int64_t>(0, nMade - m_nSkip);
     m_Waiting.insert(m_Waiting.end(),
                      samples.begin() + (nMade - nKept) * static_cast<int64_t>(m_nFrameBytes),
                      samples.begin() + nMade * static_cast<int64_t>(m_nFrameBytes));
@@ -491,16 +557,27 @@ int AudioSource::Read(std::vector<std::byte>& block)
 {
     const std::size_t nBlock = static_cast<std::size_t>(m_Stream.samples) * m_nFrameBytes;
     while (!m_bEnded && m_Waiting.size() - m_nTaken < nBlock) {
+        if (m_nSilence > 0) { // a block at a time: a gap may be hours long
+            const int64_t nSamples = std::min<int64_t>(m_nSilence, m_Stream.samples);
+            m_Waiting.resize(m_Waiting.size() + static_cast<std::size_t>(nSamples) * m_nFrameBytes);
+            m_nSamples += nSamples;
+            m_nSilence -= nSamples;
+            if (m_nSilence == 0) {
+                Append(m_Frame.get());
+            }
+            continue;
+        }
         av_frame_unref(m_Frame.get());
         if (!m_pInput->Next(*m_Frame)) {
             m_bEnded = true;
+            m_nSkip = 0;
             Append(nullptr);
         } else {
             if (m_Frame->format != m_From.format || m_Frame->sample_rate != m_From.rate ||
                 m_Frame->ch_layout.nb_channels != m_From.channels) {
                 Configure(*m_Frame); // streams may change on the way
             }
-            Append(m_Frame.get());
+            Place();
         }
     }
     const std::size_t nReal = std::min(nBlock, m_Waiting.size() - m_nTaken);

@@ -114,6 +114,7 @@ Exit RunAudio(const Options& options)
     wish.layout = plan.layout;
     wish.pPassed = pPassing != nullptr ? pPassing->PassedStream() : nullptr;
     Output output(wish);
+    output.DrainPile(pPassing, options.dLength > 0 ? options.dLength : 1e18);
 
     const std::size_t nFrame = mixer.OutputBytes() / static_cast<std::size_t>(plan.out.samples);
     std::vector<std::byte> out(mixer.OutputBytes());

@@ -260,6 +260,8 @@ Exit RunVideo(const Options& options)
     wish.video = plan.out;
     wish.pPassed = pPassing != nullptr ? pPassing->PassedStream() : nullptr;
     Output output(wish);
+    output.DrainPile(options.atEnd != AtEnd::kStop ? pPassing : nullptr,
+                     options.dLength > 0 ? options.dLength : 1e18);
     PictureWriter writer(options, output, plan.out.rate);
     OwnGraph& twin = *plan.graph;
 
@@ -436,6 +438,7 @@ Exit RunScale(const Options& options)
     wish.video = plan.out;
     wish.pPassed = pPassing != nullptr ? pPassing->PassedStream() : nullptr;
     Output output(wish);
+    output.DrainPile(pPassing, options.dLength > 0 ? options.dLength : 1e18);
     PictureWriter writer(options, output, rate);
     std::vector<std::byte> out(scaler.OutputBytes());
     Progress progress(options.bQuiet, options.dLength > 0 ? options.dLength : LongestOf(inputs));

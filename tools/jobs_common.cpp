@@ -114,10 +114,7 @@ Input* ChoosePassed(const Options& options, const std::vector<std::unique_ptr<In
 void FinishPassed(const Options& options, Input& passing, Output& output, double dSeconds, bool bOver)
 {
     const bool bCut = IsInterrupted() || bOver || options.dLength > 0 || options.atEnd == AtEnd::kStop;
-    if (!IsInterrupted()) {
-        passing.ReadRest();
-    }
-    output.WritePassed(passing.Passed(), bCut ? dSeconds : 1e18);
+    output.WriteRest(passing, bCut ? dSeconds : 1e18);
 }
 
 double LongestOf(const std::vector<std::unique_ptr<Input>>& inputs)

@@ -14,6 +14,7 @@ extern "C" {
 
 #include <array>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -74,19 +75,27 @@ class Input
     const AVStream& Stream() const { return *m_pStream; }
     const AVStream* PassedStream() const { return m_pPassed; }
     std::deque<PacketPtr>& Passed() { return m_Passed; }
+    // Called when Passed() has grown large, because the decoded stream is far behind or has ended.
+    void OnPile(std::function<void()> drain) { m_Drain = std::move(drain); }
 
     // The next frame, with its pts counted from the start of the file; false at the end.
     bool Next(AVFrame& frame);
-    // The end of the decoded stream so far, in its time base, as the packets say.
+    // The end of the decoded stream so far, in its time base.
     int64_t End() const { return m_nEnd; }
-    // Reads on to the end of the file for Passed() alone.
-    void ReadRest();
+    // Reads one more packet for Passed() alone; false at the end.
+    bool ReadOn();
     double Duration() const; // seconds; 0: not known
     int Damaged() const { return m_nDamaged; }
 
   private:
     bool ReadPacket(AVPacket& packet);
+    void SetClock(AVPacket& packet);
     const AVStream* Best(AVMediaType kind) const;
+
+    struct Clock { // of one stream, in AV_TIME_BASE
+        int64_t nLast = AV_NOPTS_VALUE;
+        int64_t nExpected = AV_NOPTS_VALUE;
+    };
 
     std::string m_Name;
     std::string m_Path;
@@ -96,6 +105,11 @@ class Input
     const AVStream* m_pStream = nullptr;
     const AVStream* m_pPassed = nullptr;
     std::deque<PacketPtr> m_Passed;
+    std::size_t m_nPile = 0; // bytes of it, at most
+    std::function<void()> m_Drain;
+    std::vector<Clock> m_Clocks;
+    int64_t m_nStart = 0; // the file's time where our clock is 0, in AV_TIME_BASE
+    bool m_bAvi = false;
     int64_t m_nEnd = 0;
     int64_t m_nNext = 0; // for frames without a time
     int m_nDamaged = 0;
@@ -178,6 +192,7 @@ class AudioSource
 
   private:
     void Configure(const AVFrame& frame);
+    void Place();
     void Append(const AVFrame* pFrame);
 
     Input* m_pInput;
@@ -190,6 +205,8 @@ class AudioSource
     std::vector<std::byte> m_Waiting;
     std::size_t m_nTaken = 0;
     int64_t m_nSamples = 0; // appended so far
+    int64_t m_nSilence = 0; // samples of silence that come before m_Frame, which waits for them
+    int64_t m_nSkip = 0;    // samples of m_Frame that are dropped
     bool m_bEnded = false;
 };
 
@@ -225,8 +242,13 @@ class Output
 
     void WritePicture(std::span<const std::byte> bytes);
     void WriteSamples(std::span<const std::byte> bytes);
-    // The packets of an input's passed-on stream that begin before this time, in seconds.
-    void WritePassed(std::deque<PacketPtr>& packets, double dUntil);
+    // The packets of an input's passed-on stream that begin before this time, in seconds; false if there is
+    // one that does not.
+    bool WritePassed(std::deque<PacketPtr>& packets, double dUntil);
+    // Writes what piles up in the input ahead of its time, up to this one, and drops what comes after.
+    void DrainPile(Input* pInput, double dUntil);
+    // The rest until then, reading on as far as needed. No pictures or samples can follow.
+    void WriteRest(Input& input, double dUntil);
     void Finish();
 
     int64_t Pictures() const { return m_nPictures; }
@@ -239,13 +261,16 @@ class Output
                    const std::string& format);
     void Encode(AVCodecContext& codec, const AVStream& stream, const AVFrame* pFrame);
     void EncodeWaiting(bool bAll);
+    void EndEncoders();
     AVStream& AddStream();
 
     struct FormatFreer {
         void operator()(AVFormatContext* p) const;
     };
     std::string m_Path;
-    std::string m_Temporary; // empty: written in place (pipes, devices, pictures)
+    std::string m_Target;    // the same with symbolic links followed
+    std::string m_Temporary; // removed unless finished; empty: none (pipes, devices, finished pictures)
+    bool m_bPng = false;     // named files, which FFmpeg itself writes beside the target
     std::unique_ptr<AVFormatContext, FormatFreer> m_Format;
     PacketPtr m_Packet;
 
@@ -266,7 +291,8 @@ class Output
 
     AVStream* m_pPassedStream = nullptr;
     AVRational m_PassedBase{0, 1};
-    bool m_bHeader = false;
+    int64_t m_nPassedLast = AV_NOPTS_VALUE;
+    bool m_bEncodersEnded = false;
 };
 
 } // namespace tool

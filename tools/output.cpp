@@ -79,6 +79,17 @@ AVPixelFormat PixelsFor(const std::string& format, AVPixelFormat in)
     return AV_PIX_FMT_YUV420P;
 }
 
+// The file that is meant, also where a link leads to none yet.
+std::string Followed(std::filesystem::path path)
+{
+    constexpr int kMaxLinks = 40; // as the kernel's
+    std::error_code error;
+    for (int i = 0; i < kMaxLinks && std::filesystem::is_symlink(path, error); ++i) {
+        path = path.parent_path() / std::filesystem::read_symlink(path, error);
+    }
+    return path.string();
+}
+
 } // namespace
 
 std::string Output::FormatOf(const std::string& path, const std::string& format)
@@ -113,7 +124,7 @@ void Output::FormatFreer::operator()(AVFormatContext* p) const
     avformat_free_context(p);
 }
 
-Output::Output(const OutputWish& wish) : m_Path(wish.path)
+Output::Output(const OutputWish& wish) : m_Path(wish.path), m_Target(wish.path)
 {
     BeginStep(fmt::format("creating {}", m_Path));
     const std::string format = FormatOf(wish.path, wish.format);
@@ -132,18 +143,19 @@ Output::Output(const OutputWish& wish) : m_Path(wish.path)
     const auto status = std::filesystem::status(m_Path, ignored);
     const bool bFile =
         m_Path != "-" && (!std::filesystem::exists(status) || std::filesystem::is_regular_file(status));
-    if (bFile && format != "png") {
-        m_Temporary = fmt::format("{}.{}.part", m_Path, getpid());
+    if (bFile) {
+        m_Target = Followed(m_Path);
+    }
+    m_bPng = format == "png" && bFile;
+    if (bFile && !m_bPng) {
+        m_Temporary = fmt::format("{}.{}.part", m_Target, getpid());
     }
     const std::string url = m_Path == "-"         ? "pipe:1"
-                            : m_Temporary.empty() ? "file:" + m_Path
+                            : m_Temporary.empty() ? "file:" + m_Target
                                                   : "file:" + m_Temporary;
 
     AVFormatContext* pContext = nullptr;
-    // PNG names are patterns, and FFmpeg writes and renames each picture itself.
-    Check(avformat_alloc_output_context2(&pContext, nullptr, muxer.c_str(),
-                                         format == "png" && m_Path != "-" ? m_Path.c_str() : url.c_str()),
-          kOutput, m_Path);
+    Check(avformat_alloc_output_context2(&pContext, nullptr, muxer.c_str(), url.c_str()), kOutput, m_Path);
     m_Format.reset(pContext);
     m_Packet.reset(av_packet_alloc());
     if (!m_Packet) {
@@ -175,8 +187,9 @@ Output::Output(const OutputWish& wish) : m_Path(wish.path)
 
     AVDictionary* pOptions = nullptr;
     if (format == "png" && m_Path != "-") {
-        av_dict_set(&pOptions, "atomic_writing", "1", 0);
-        if (av_filename_number_test(m_Path.c_str()) == 0) {
+        // The name may be a pattern; FFmpeg itself writes each picture beside it and renames that.
+        av_dict_set(&pOptions, "atomic_writing", m_bPng ? "1" : "0", 0);
+        if (av_filename_number_test(url.c_str()) == 0) {
             av_dict_set(&pOptions, "update", "1", 0);
         }
     } else if (format == "mp4") {
@@ -189,9 +202,12 @@ Output::Output(const OutputWish& wish) : m_Path(wish.path)
     }
     if (nOpened >= 0) {
         nOpened = avformat_write_header(m_Format.get(), &pOptions);
-        m_bHeader = nOpened >= 0;
     }
     av_dict_free(&pOptions);
+    if (nOpened < 0) { // nothing is destroyed that was not constructed
+        m_Format.reset();
+        static_cast<void>(std::remove(m_Temporary.c_str()));
+    }
     Check(nOpened, kOutput, m_Path);
 }
 
@@ -327,7 +343,17 @@ void Output::Encode(AVCodecContext& codec, const AVStream& stream, const AVFrame
         }
         av_packet_rescale_ts(m_Packet.get(), codec.time_base, stream.time_base);
         m_Packet->stream_index = stream.index;
+        if (m_bPng) {
+            std::array<char, 4096> name{};
+            const bool bSeries =
+                av_get_frame_filename(name.data(), static_cast<int>(name.size()), m_Target.c_str(),
+                                      static_cast<int>(stream.nb_frames) + 1) == 0;
+            m_Temporary = fmt::format("{}.tmp", bSeries ? name.data() : m_Target);
+        }
         Check(av_interleaved_write_frame(m_Format.get(), m_Packet.get()), kOutput, m_Path);
+        if (m_bPng) {
+            m_Temporary.clear();
+        }
     }
 }
 
@@ -415,25 +441,64 @@ void Output::EncodeWaiting(bool bAll)
     m_Waiting.erase(m_Waiting.begin(), m_Waiting.begin() + static_cast<std::ptrdiff_t>(nTaken));
 }
 
-void Output::WritePassed(std::deque<PacketPtr>& packets, double dUntil)
+bool Output::WritePassed(std::deque<PacketPtr>& packets, double dUntil)
 {
     while (!packets.empty()) {
         AVPacket& packet = *packets.front();
         const int64_t nTime = packet.dts != AV_NOPTS_VALUE ? packet.dts : packet.pts;
         if (nTime != AV_NOPTS_VALUE && static_cast<double>(nTime) * av_q2d(m_PassedBase) >= dUntil) {
-            return;
+            return false;
+        }
+        BeginStep(fmt::format("writing {}", m_Path));
+        if (packet.pts == AV_NOPTS_VALUE) {
+            throw Failure(kOutput,
+                          fmt::format("the input does not say when each {} packet is shown, so that "
+                                      "it cannot be copied: leave it out with --pass none",
+                                      avcodec_get_name(m_pPassedStream->codecpar->codec_id)));
         }
         av_packet_rescale_ts(&packet, m_PassedBase, m_pPassedStream->time_base);
         packet.stream_index = m_pPassedStream->index;
         packet.pos = -1;
-        BeginStep(fmt::format("writing {}", m_Path));
+        // Where recordings were joined they may overlap a little, which no container takes.
+        if (packet.dts != AV_NOPTS_VALUE) {
+            const int64_t nStrict = (m_Format->oformat->flags & AVFMT_TS_NONSTRICT) != 0 ? 0 : 1;
+            if (m_nPassedLast != AV_NOPTS_VALUE && packet.dts < m_nPassedLast + nStrict) {
+                packet.dts = m_nPassedLast + nStrict;
+                packet.pts = std::max(packet.pts, packet.dts);
+            }
+            m_nPassedLast = packet.dts;
+        }
         Check(av_interleaved_write_frame(m_Format.get(), &packet), kOutput, m_Path);
         packets.pop_front();
     }
+    return true;
 }
 
-void Output::Finish()
+void Output::DrainPile(Input* pInput, double dUntil)
 {
+    if (pInput != nullptr) {
+        pInput->OnPile([this, pInput, dUntil] {
+            if (!WritePassed(pInput->Passed(), dUntil)) {
+                pInput->Passed().clear();
+            }
+        });
+    }
+}
+
+void Output::WriteRest(Input& input, double dUntil)
+{
+    // The muxer interleaves what it is given within seconds: the encoders must not hold anything back.
+    EndEncoders();
+    while (WritePassed(input.Passed(), dUntil) && input.ReadOn()) {
+    }
+}
+
+void Output::EndEncoders()
+{
+    if (m_bEncodersEnded) {
+        return;
+    }
+    m_bEncodersEnded = true;
     if (m_Video) {
         Encode(*m_Video, *m_pVideoStream, nullptr);
     }
@@ -441,6 +506,11 @@ void Output::Finish()
         EncodeWaiting(true);
         Encode(*m_Audio, *m_pAudioStream, nullptr);
     }
+}
+
+void Output::Finish()
+{
+    EndEncoders();
     BeginStep(fmt::format("finishing {}", m_Path));
     Check(av_write_trailer(m_Format.get()), kOutput, m_Path);
     if ((m_Format->oformat->flags & AVFMT_NOFILE) == 0) {
@@ -448,7 +518,7 @@ void Output::Finish()
     }
     if (!m_Temporary.empty()) {
         std::error_code error;
-        std::filesystem::rename(m_Temporary, m_Path, error);
+        std::filesystem::rename(m_Temporary, m_Target, error);
         if (error) {
             throw Failure(kOutput, fmt::format("{}: {}", m_Path, error.message()));
         }

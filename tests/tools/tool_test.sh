@@ -35,6 +35,12 @@ psnr() {
         "[0]${3:-null},settb=1/25,setpts=N[a];[1]${4:-null},settb=1/25,setpts=N[b];[a][b]psnr=shortest=1" -f null - 2>&1 |
         sed -n 's/.*average:\([^ ]*\).*/\1/p' | sed 's/inf/999/'
 }
+# joined: joined.ts, whose clock jumps far ahead after 2 s and back after 4 s
+joined() {
+    ffmpeg -f lavfi -i testsrc=s=64x64:d=2 -f lavfi -i sine=d=2 -c:v mpeg2video -c:a mp2 now.ts
+    ffmpeg -i now.ts -c copy -output_ts_offset 20000 later.ts
+    cat now.ts later.ts now.ts >joined.ts
+}
 pick() { echo "select=eq(n\\,$1)"; }
 # luma FILE FILTERS: the mean luma of the last picture
 luma() {
@@ -85,6 +91,11 @@ audio)
     run audio volume=2 "$media/realshort.mp4" clip.mp4
     same "the pictures beside the sound" "$(copied clip.mp4 v)" "$(copied "$media/realshort.mp4" v)"
     within "the sound's length" "$(show clip.mp4 a duration)" 1.17 1.20
+    joined
+    run audio anull joined.ts joined.wav
+    within "seconds of three joined recordings" "$(show joined.wav a duration)" 6.0 6.1
+    run audio anull joined.ts joined.mp4
+    same "pictures beside them" "$(show joined.mp4 v nb_read_packets | tr -d ,)" 150
     ;;
 mix-audio)
     in=(--in "a=$media/Front_Left.wav" --in "b=$media/Rear_Left.wav") # 1.480 s and 1.313 s
@@ -145,6 +156,19 @@ video)
     within "black and white of a full-range picture (dB)" "$(psnr greys.png greys.jpg format=rgb24 format=rgb24)" 50 999
     run video scale=160:-2 "$clip" - --length 0.1 >raw.yuv
     same "raw bytes" "$(stat -c %s raw.yuv)" $((3 * 160 * 120 * 3 / 2))
+    joined
+    run video null joined.ts joined.mkv
+    same "pictures of three joined recordings" "$(show joined.mkv v nb_read_packets)" 150
+    within "their length" "$(ffprobe -v error -show_entries format=duration -of csv=p=0 joined.mkv)" 5.9 6.1
+    ffmpeg -f lavfi -i testsrc=s=64x64:d=1 -c:v flv last.flv # packets without a duration
+    run video null last.flv last.y4m
+    same "the last picture of 25" "$(show last.y4m v nb_read_packets)" 25
+    ffmpeg -i "$clip" -c:v libx264 -bf 2 -c:a mp3 coded.avi # packets in coded order
+    run video null coded.avi shown.mp4
+    same "pictures in shown order" "$(show shown.mp4 v nb_read_packets)" 36
+    (ffmpeg -re -f lavfi -i testsrc=s=64x64 -f lavfi -i sine -c:v mpeg4 -c:a pcm_s16le -f nut - 2>&- || true) |
+        timeout 20 "$tool" video --length 1 null - live.mkv || fail "no end of an endless pipe: $?"
+    same "a second of an endless pipe" "$(show live.mkv v nb_read_packets)" 25
     ;;
 mix-video)
     ffmpeg -i "$media/realshort.mp4" -an -vf scale=320:180 -c:v ffv1 -frames:v 24 screen.mkv # 0.8 s at 30 a second
@@ -218,15 +242,21 @@ failures)
     refused 2 "is required" video null
     refused 2 '"error": .*is required' video --json null
     refused 2 "is no size" scale 64x64zz "$clip" out.mp4
+    refused 2 'no option "sample_rat"' audio --from wav:sample_rat=8000 anull "$media/Front_Left.wav" out.wav
+    refused 3 "File name too long" probe "$(printf 'x%.0s' {1..300})"
     # No space left: what was written goes away again.
     status=0
     (ulimit -f 20 && trap '' XFSZ && run video null "$clip" out.y4m 2>report) || status=$?
     same "exit code without space" "$status" 4
+    (ulimit -f 5 && trap '' XFSZ && run video null "$media/chelsea.png" out.png 2>report) && fail "a cut PNG passed"
     same "what is left" "$(ls)" report
     # A result that stands stays, whole, until the new one is.
     echo old >kept.mp4
     run video nosuchfilter "$clip" kept.mp4 2>report && fail "a wrong description passed"
     same "an older file" "$(cat kept.mp4)" old
+    ln -s kept.mp4 link.mp4
+    run video null "$clip" link.mp4
+    [[ -L link.mp4 && $(show kept.mp4 v nb_read_packets) == 36 ]] || fail "a link was not followed"
     ;;
 terminal)
     # Interrupted in the middle of an endless pipe: the file is finished.
