@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # speed.sh TOOL MEDIA: the tool beside the ffmpeg command, on the same files with the same encoders. Prints
-# a table of processor time, the least of five runs of each, taken in turn; that of a whole process, since
-# both use threads for the codecs.
+# a table of seconds, of the clock and of processors (both use threads for the codecs): each time the least of
+# five runs, taken in turn.
 set -euo pipefail
 tool=$(realpath "$1")
 cd "$(realpath "$2")"
@@ -11,29 +11,30 @@ trap 'rm -rf "$work"' EXIT
 for ((i = 0; i < 60; ++i)); do echo "file '$PWD/Front_Left.wav'"; done >"$work/list"
 ffmpeg -hide_banner -nostdin -loglevel error -f concat -safe 0 -i "$work/list" -c copy "$work/long.wav"
 
-# Processor time in milliseconds.
+# Milliseconds of the clock and of processors.
 used() {
-    local TIMEFORMAT="%U %S"
+    local TIMEFORMAT="%R %U %S"
     { time "$@" >"$work/log" 2>&1 </dev/null || { cat "$work/log" >&2 && exit 1; }; } 2>&1 |
-        awk '{ print int(($1 + $2) * 1000) }'
+        awk '{ print int($1 * 1000), int(($2 + $3) * 1000) }'
 }
 x264=(-c:v libx264 -preset veryfast -crf 18 -pix_fmt yuv420p)
 # compare NAME -- TOOL ARGUMENT... -- FFMPEG ARGUMENT...
 compare() {
-    local name=$1 best_a=999999999 best_b=999999999 t i
+    local name=$1 i
     shift 2
     local ours=() theirs=()
     while [[ $1 != -- ]]; do ours+=("$1") && shift; done
     shift
     theirs=("$@")
     for ((i = 0; i < 5; ++i)); do
-        t=$(used "$tool" "${ours[@]}") && best_a=$((t < best_a ? t : best_a))
-        t=$(used ffmpeg -hide_banner -nostdin -y "${theirs[@]}") && best_b=$((t < best_b ? t : best_b))
-    done
-    awk -v n="$name" -v a=$best_a -v b=$best_b 'BEGIN { printf "| %-42s | %6.2f | %6.2f | %5.2f |\n", n, a / 1e3, b / 1e3, a / b }'
+        echo "$(used "$tool" "${ours[@]}") $(used ffmpeg -hide_banner -nostdin -y "${theirs[@]}")"
+    done | awk -v name="$name" '
+        { for (k = 1; k <= 4; ++k) if (NR == 1 || $k < t[k]) t[k] = $k }
+        END { printf "| %s | %.2f | %.2f | %.2f | %.2f | %.2f | %.2f |\n",
+              name, t[1] / 1e3, t[3] / 1e3, t[1] / t[3], t[2] / 1e3, t[4] / 1e3, t[2] / t[4] }'
 }
-echo "| job                                        | tool s | ffmpeg s | ratio |"
-echo "|---|---|---|---|"
+echo "| job | clock: tool | ffmpeg | ratio | processors: tool | ffmpeg | ratio |"
+echo "|---|---|---|---|---|---|---|"
 compare "hflip, 280 pictures of 1280x720, to H.264" -- video hflip cockatoo.mp4 "$work/a.mp4" -- \
     -i cockatoo.mp4 -vf hflip "${x264[@]}" -c:a copy "$work/b.mp4"
 compare "the same to Y4M" -- video hflip cockatoo.mp4 "$work/a.y4m" -- \
