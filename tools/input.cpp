@@ -310,8 +310,8 @@ void PictureConverter::Convert(const AVFrame& from, const Colour& fromColour, AV
     const bool bToFull = toColour.range == AVCOL_RANGE_JPEG || IsRgb(toFormat);
     const AVColorSpace space =
         fromColour.space != AVCOL_SPC_UNSPECIFIED ? fromColour.space : toColour.space;
-    const std::array<int, 9> key{from.width, from.height, Plain(fromFormat), to.width,      to.height,
-                                 toFormat,   space,       int{bToFull},      int{bFromFull}};
+    const std::array<int, 9> key{from.width, from.height, Plain(fromFormat), to.width,         to.height,
+                                 toFormat,   space,       bToFull ? 1 : 0,   bFromFull ? 1 : 0};
     if (!m_Context || key != m_Key) {
         m_Key = key;
         m_Context.reset(sws_alloc_context());
@@ -320,11 +320,11 @@ void PictureConverter::Convert(const AVFrame& from, const Colour& fromColour, AV
             {"srcw", from.width},
             {"srch", from.height},
             {"src_format", Plain(fromFormat)},
-            {"src_range", int{bFromFull}},
+            {"src_range", bFromFull ? 1 : 0},
             {"dstw", to.width},
             {"dsth", to.height},
             {"dst_format", toFormat},
-            {"dst_range", int{bToFull}},
+            {"dst_range", bToFull ? 1 : 0},
             {"sws_flags", SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT}};
         bool bSet = m_Context != nullptr;
         for (const auto& [szName, nValue] : options) {

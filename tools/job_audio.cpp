@@ -68,7 +68,7 @@ AudioPlan PlanAudio(const Options& options, const std::vector<AudioSource>& sour
     BeginStep("building the graph");
     // First of all the library's own answer to the description.
     plan.out = sources[0].Stream();
-    telvane::AudioMixer(plan.inputs, plan.description, plan.out);
+    static_cast<void>(telvane::AudioMixer(plan.inputs, plan.description, plan.out));
     // Packed, as the library gives it; else a format is chosen that it does not end in.
     const auto open = WithoutOut(text);
     plan.graph = std::make_unique<OwnGraph>(

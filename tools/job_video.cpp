@@ -77,7 +77,8 @@ VideoPlan PlanVideo(const Options& options, std::vector<VideoSource>& sources)
     BeginStep("building the graph");
     const std::string text = TextOf(options);
     plan.description = clocks + text;
-    telvane::VideoMixer(plan.clocked, plan.description, {16, 16}); // first of all the library's own answer
+    // First of all the library's own answer.
+    static_cast<void>(telvane::VideoMixer(plan.clocked, plan.description, {16, 16}));
     const auto open = WithoutOut(text);
     plan.graph =
         std::make_unique<OwnGraph>(plan.inputs, aspects, rate, open ? *open + ",format=yuv420p" : text);
