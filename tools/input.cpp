@@ -37,6 +37,7 @@ Ptr Made(typename Ptr::pointer p)
 }
 
 // In AV_TIME_BASE.
+constexpr AVRational kMicroseconds{1, AV_TIME_BASE};
 constexpr int64_t kPriming = AV_TIME_BASE / 10;
 constexpr int64_t kJumpBack = AV_TIME_BASE / 10;
 constexpr int64_t kJump = 10 * static_cast<int64_t>(AV_TIME_BASE);
@@ -238,8 +239,8 @@ void Input::SetClock(AVPacket& packet)
     // Where recordings were joined or cut, the clock jumps, and the file's goes on from where it was.
     if ((m_Format->iformat->flags & AVFMT_TS_DISCONT) != 0 && packet.dts != AV_NOPTS_VALUE) {
         Clock& clock = m_Clocks[static_cast<std::size_t>(packet.stream_index)];
-        const int64_t nTime = av_rescale_q(packet.dts, base, AV_TIME_BASE_Q);
-        const int64_t nLength = av_rescale_q(packet.duration, base, AV_TIME_BASE_Q);
+        const int64_t nTime = av_rescale_q(packet.dts, base, kMicroseconds);
+        const int64_t nLength = av_rescale_q(packet.duration, base, kMicroseconds);
         const int64_t nJump = clock.nLast != AV_NOPTS_VALUE ? nTime - m_nStart - clock.nExpected : 0;
         if (std::abs(nJump) > kJump ||
             (clock.nLast != AV_NOPTS_VALUE && nTime - m_nStart < clock.nLast - kJumpBack)) {
@@ -248,7 +249,7 @@ void Input::SetClock(AVPacket& packet)
         clock.nLast = nTime - m_nStart;
         clock.nExpected = clock.nLast + nLength;
     }
-    int64_t nStart = av_rescale_q(m_nStart, AV_TIME_BASE_Q, base);
+    int64_t nStart = av_rescale_q(m_nStart, kMicroseconds, base);
     if (m_bAvi && parameters.codec_type == AVMEDIA_TYPE_VIDEO) {
         // Its packets are counted in coded order: without this, the pictures are late by the reordering.
         nStart += parameters.video_delay;
