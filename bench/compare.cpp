@@ -173,10 +173,10 @@ Effort EffortFor(const Size& size)
     }
     const int nPixels = size.nWidth * size.nHeight;
     if (nPixels > 4000000) {
-        return {false, 96, 16, 1};
+        return {false, 192, 32, 1};
     }
     // Short samples: one that another program cuts into is then one of many.
-    return nPixels > 500000 ? Effort{false, 128, 16, 1} : Effort{false, 400, 16, 0.3};
+    return nPixels > 500000 ? Effort{false, 256, 32, 1} : Effort{false, 400, 16, 0.3};
 }
 
 Effort EffortForBlocks()
