@@ -17,14 +17,6 @@ extern "C" {
 namespace tool
 {
 
-std::string FromIn(const std::string& description)
-{
-    const std::size_t nFirst = description.find_first_not_of(" \n\t\r");
-    const bool bLabelled = nFirst == std::string::npos || description[nFirst] == '[' ||
-                           description.find("[in]") != std::string::npos;
-    return bLabelled ? description : "[in]" + description;
-}
-
 std::optional<std::string> WithoutOut(const std::string& description)
 {
     constexpr std::string_view kLabel = "[out]";
@@ -141,14 +133,6 @@ AVRational OwnGraph::Rate() const
 AVRational OwnGraph::Aspect() const
 {
     return av_buffersink_get_sample_aspect_ratio(m_pSink);
-}
-
-std::string OwnGraph::Format() const
-{
-    const int nFormat = av_buffersink_get_format(m_pSink);
-    const char* szName = m_Video.empty() ? av_get_sample_fmt_name(static_cast<AVSampleFormat>(nFormat))
-                                         : av_get_pix_fmt_name(static_cast<AVPixelFormat>(nFormat));
-    return szName != nullptr ? szName : "unknown";
 }
 
 std::string OwnGraph::Dump() const

@@ -29,7 +29,6 @@ class OwnGraph
     telvane::Size Picture() const;
     AVRational Rate() const;
     AVRational Aspect() const;
-    std::string Format() const;
     std::string Dump() const;
     bool Uses(std::initializer_list<std::string_view> filters) const;
     // Whether pictures may come out at other times than they went in.
@@ -72,8 +71,6 @@ class OwnGraph
     bool m_bEndless = false;
 };
 
-// The description of a job with one input may leave out its label.
-std::string FromIn(const std::string& description);
 // A description without the label of its output, so that filters can be added. Nothing if it ends in
 // another label.
 std::optional<std::string> WithoutOut(const std::string& description);

@@ -92,13 +92,10 @@ AudioPlan PlanAudio(const Options& options, const std::vector<AudioSource>& sour
 
 Exit RunAudio(const Options& options)
 {
-    const auto inputs = OpenInputs(options, AVMEDIA_TYPE_AUDIO);
-    Input* pPassing = options.bExplain ? nullptr : ChoosePassed(options, inputs, AVMEDIA_TYPE_VIDEO);
-    std::vector<AudioSource> sources;
-    sources.reserve(inputs.size());
-    for (const auto& input : inputs) {
-        sources.emplace_back(*input);
-    }
+    Opened<AudioSource> opened(options, AVMEDIA_TYPE_AUDIO, AVMEDIA_TYPE_VIDEO);
+    const auto& inputs = opened.inputs;
+    std::vector<AudioSource>& sources = opened.sources;
+    Input* const pPassing = opened.pPassing;
     AudioPlan plan = PlanAudio(options, sources);
     if (options.bExplain) {
         PrintExplanation(options, Describe(options, plan), *plan.graph);
@@ -109,12 +106,11 @@ Exit RunAudio(const Options& options)
                       "areverse waits for the end of the stream, which the library cannot signal");
     }
     telvane::AudioMixer mixer(plan.inputs, plan.description, plan.out);
-    OutputWish wish = options.output;
+    OutputWish wish = WishOf(options, pPassing);
     wish.audio = plan.out;
     wish.layout = plan.layout;
-    wish.pPassed = pPassing != nullptr ? pPassing->PassedStream() : nullptr;
     Output output(wish);
-    output.DrainPile(pPassing, options.dLength > 0 ? options.dLength : 1e18);
+    output.DrainPile(pPassing, Until(options));
 
     const std::size_t nFrame = mixer.OutputBytes() / static_cast<std::size_t>(plan.out.samples);
     std::vector<std::byte> out(mixer.OutputBytes());
@@ -136,7 +132,7 @@ Exit RunAudio(const Options& options)
         return bAny;
     };
 
-    Progress progress(options.bQuiet, options.dLength > 0 ? options.dLength : LongestOf(inputs));
+    Progress progress(options.bQuiet, SecondsToDo(options, inputs));
     constexpr double kStep = 1.0 / AudioSource::kBlocksPerSecond;
     constexpr int kPatience = 30 * AudioSource::kBlocksPerSecond;
     double dTime = 0; // of the inputs
@@ -238,10 +234,8 @@ Exit RunAudio(const Options& options)
 
 Json ForeseeAudio(const Options& options)
 {
-    const auto inputs = OpenInputs(options, AVMEDIA_TYPE_AUDIO);
-    std::vector<AudioSource> sources;
-    sources.emplace_back(*inputs[0]);
-    return Describe(options, PlanAudio(options, sources))["output"];
+    const Opened<AudioSource> opened(options, AVMEDIA_TYPE_AUDIO, AVMEDIA_TYPE_VIDEO);
+    return Describe(options, PlanAudio(options, opened.sources))["output"];
 }
 
 } // namespace tool

@@ -19,22 +19,22 @@ namespace
 {
 
 struct VideoPlan {
-    std::vector<telvane::VideoInput> inputs;  // named as the user does
-    std::vector<telvane::VideoInput> clocked; // of the library
+    std::vector<telvane::VideoInput> inputs; // of the library: their labels are the clocks' inputs
     std::string description;
     std::unique_ptr<OwnGraph> graph;
     OutputVideo out;
     bool bTimes = false; // the copy runs beside the library and tells the times of its pictures
 };
 
-Json Describe(const VideoPlan& plan)
+Json Describe(const Options& options, const VideoPlan& plan)
 {
     Json json;
-    for (const auto& [name, stream] : plan.inputs) {
-        json["inputs"].push_back({{"name", name},
-                                  {"width", stream.picture.width},
-                                  {"height", stream.picture.height},
-                                  {"format", av_get_pix_fmt_name(stream.picture.format)}});
+    for (std::size_t i = 0; i < plan.inputs.size(); ++i) {
+        const telvane::Picture& picture = plan.inputs[i].stream.picture;
+        json["inputs"].push_back({{"name", options.inputs[i].name},
+                                  {"width", picture.width},
+                                  {"height", picture.height},
+                                  {"format", av_get_pix_fmt_name(picture.format)}});
     }
     json["output"] = {{"width", plan.out.shown.width},
                       {"height", plan.out.shown.height},
@@ -61,6 +61,7 @@ VideoPlan PlanVideo(const Options& options, std::vector<VideoSource>& sources)
 {
     VideoPlan plan;
     const AVRational rate = CommonRate(options, sources);
+    std::vector<telvane::VideoInput> named;
     std::vector<AVRational> aspects;
     std::string clocks;
     for (std::size_t i = 0; i < sources.size(); ++i) {
@@ -68,8 +69,8 @@ VideoPlan PlanVideo(const Options& options, std::vector<VideoSource>& sources)
         sources[i].SetRate(rate);
         sources[i].SetLimited();
         aspects.push_back(sources[i].Aspect());
-        plan.inputs.push_back({name, {sources[i].Picture(), 1}});
-        plan.clocked.push_back({SourceLabel(name), {sources[i].Picture(), 1}});
+        named.push_back({name, {sources[i].Picture(), 1}});
+        plan.inputs.push_back({SourceLabel(name), {sources[i].Picture(), 1}});
         // The library's clock has whole rates, and tells filters none.
         clocks += fmt::format("[{}]settb={}/{},setpts=N,fps={}/{}[{}];", SourceLabel(name), rate.den,
                               rate.num, rate.num, rate.den, name);
@@ -78,10 +79,9 @@ VideoPlan PlanVideo(const Options& options, std::vector<VideoSource>& sources)
     const std::string text = TextOf(options);
     plan.description = clocks + text;
     // First of all the library's own answer.
-    static_cast<void>(telvane::VideoMixer(plan.clocked, plan.description, {16, 16}));
+    static_cast<void>(telvane::VideoMixer(plan.inputs, plan.description, {16, 16}));
     const auto open = WithoutOut(text);
-    plan.graph =
-        std::make_unique<OwnGraph>(plan.inputs, aspects, rate, open ? *open + ",format=yuv420p" : text);
+    plan.graph = std::make_unique<OwnGraph>(named, aspects, rate, open ? *open + ",format=yuv420p" : text);
 
     plan.bTimes = plan.graph->ChangesTimes();
     plan.out.rate = plan.graph->Rate();
@@ -156,7 +156,6 @@ class PictureWriter
         }
     }
     void SetLimit(int64_t n) { m_nLimit = n; }
-    int64_t Count() const { return m_nCount; }
     bool IsFull() const { return m_nCount >= m_nLimit || (m_nOnly >= 0 && m_nCount > m_nOnly); }
 
     // The next picture.
@@ -217,7 +216,7 @@ Exit FinishVideo(const Options& options, const std::vector<std::unique_ptr<Input
     WarnOfDamage(inputs);
     const telvane::Size coded = output.CodedSize();
     const bool bPadded = coded.width != plan.out.shown.width || coded.height != plan.out.shown.height;
-    Json json = Describe(plan);
+    Json json = Describe(options, plan);
     json["pictures"] = output.Pictures();
     json["seconds"] = dSeconds;
     json["coded"] = {{"width", coded.width}, {"height", coded.height}};
@@ -240,29 +239,24 @@ Exit FinishVideo(const Options& options, const std::vector<std::unique_ptr<Input
 
 Exit RunVideo(const Options& options)
 {
-    const auto inputs = OpenInputs(options, AVMEDIA_TYPE_VIDEO);
-    Input* pPassing = options.bExplain ? nullptr : ChoosePassed(options, inputs, AVMEDIA_TYPE_AUDIO);
-    std::vector<VideoSource> sources;
-    sources.reserve(inputs.size());
-    for (const auto& input : inputs) {
-        sources.emplace_back(*input);
-    }
+    Opened<VideoSource> opened(options, AVMEDIA_TYPE_VIDEO, AVMEDIA_TYPE_AUDIO);
+    const auto& inputs = opened.inputs;
+    std::vector<VideoSource>& sources = opened.sources;
+    Input* const pPassing = opened.pPassing;
     VideoPlan plan = PlanVideo(options, sources);
     if (options.bExplain) {
-        PrintExplanation(options, Describe(plan), *plan.graph);
+        PrintExplanation(options, Describe(options, plan), *plan.graph);
         return kDone;
     }
     if (plan.graph->Uses({"reverse"})) {
         throw Failure(kNothing, "reverse waits for the end of the stream, which the library cannot signal");
     }
-    telvane::VideoMixer mixer(plan.clocked, plan.description,
+    telvane::VideoMixer mixer(plan.inputs, plan.description,
                               {plan.out.stored.width, plan.out.stored.height});
-    OutputWish wish = options.output;
+    OutputWish wish = WishOf(options, pPassing);
     wish.video = plan.out;
-    wish.pPassed = pPassing != nullptr ? pPassing->PassedStream() : nullptr;
     Output output(wish);
-    output.DrainPile(options.atEnd != AtEnd::kStop ? pPassing : nullptr,
-                     options.dLength > 0 ? options.dLength : 1e18);
+    output.DrainPile(options.atEnd != AtEnd::kStop ? pPassing : nullptr, Until(options));
     PictureWriter writer(options, output, plan.out.rate);
     OwnGraph& twin = *plan.graph;
 
@@ -304,7 +298,7 @@ Exit RunVideo(const Options& options)
         return bAny;
     };
     const AVRational rate = CommonRate(options, sources);
-    Progress progress(options.bQuiet, options.dLength > 0 ? options.dLength : LongestOf(inputs));
+    Progress progress(options.bQuiet, SecondsToDo(options, inputs));
     const int64_t nTicks = RunTicks(options, sources, rate, [&](int64_t nTick) {
         BeginStep("filtering");
         for (std::size_t i = 0; i < sources.size(); ++i) {
@@ -389,10 +383,10 @@ bool IsYuv(AVPixelFormat format)
 
 Exit RunScale(const Options& options)
 {
-    const auto inputs = OpenInputs(options, AVMEDIA_TYPE_VIDEO);
-    Input* pPassing = options.bExplain ? nullptr : ChoosePassed(options, inputs, AVMEDIA_TYPE_AUDIO);
-    std::vector<VideoSource> sources;
-    sources.emplace_back(*inputs[0]);
+    Opened<VideoSource> opened(options, AVMEDIA_TYPE_VIDEO, AVMEDIA_TYPE_AUDIO);
+    const auto& inputs = opened.inputs;
+    std::vector<VideoSource>& sources = opened.sources;
+    Input* const pPassing = opened.pPassing;
     const telvane::Picture from = sources[0].Picture();
 
     BeginStep("reading the size");
@@ -427,7 +421,7 @@ Exit RunScale(const Options& options)
     }
     plan.out.colour = sources[0].Colours();
     if (options.bExplain) {
-        const Json json = Describe(plan);
+        const Json json = Describe(options, plan);
         fmt::print("{}\n", options.bJson ? InJson(json)
                                          : fmt::format("input: {}\noutput: {}", InWords(json["inputs"][0]),
                                                        InWords(json["output"])));
@@ -435,14 +429,13 @@ Exit RunScale(const Options& options)
     }
     BeginStep("setting up the scaler");
     telvane::VideoScaler scaler(given, plan.out.stored);
-    OutputWish wish = options.output;
+    OutputWish wish = WishOf(options, pPassing);
     wish.video = plan.out;
-    wish.pPassed = pPassing != nullptr ? pPassing->PassedStream() : nullptr;
     Output output(wish);
-    output.DrainPile(pPassing, options.dLength > 0 ? options.dLength : 1e18);
+    output.DrainPile(pPassing, Until(options));
     PictureWriter writer(options, output, rate);
     std::vector<std::byte> out(scaler.OutputBytes());
-    Progress progress(options.bQuiet, options.dLength > 0 ? options.dLength : LongestOf(inputs));
+    Progress progress(options.bQuiet, SecondsToDo(options, inputs));
     RunTicks(options, sources, rate, [&](int64_t nTick) {
         BeginStep("scaling");
         scaler.Scale(sources[0].Bytes(), out);
@@ -459,10 +452,8 @@ Exit RunScale(const Options& options)
 
 Json ForeseeVideo(const Options& options)
 {
-    const auto inputs = OpenInputs(options, AVMEDIA_TYPE_VIDEO);
-    std::vector<VideoSource> sources;
-    sources.emplace_back(*inputs[0]);
-    return Describe(PlanVideo(options, sources))["output"];
+    Opened<VideoSource> opened(options, AVMEDIA_TYPE_VIDEO, AVMEDIA_TYPE_AUDIO);
+    return Describe(options, PlanVideo(options, opened.sources))["output"];
 }
 
 } // namespace tool

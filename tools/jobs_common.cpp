@@ -75,8 +75,9 @@ std::string SourceLabel(const std::string& name)
 
 std::string TextOf(const Options& options)
 {
-    return options.inputs.size() == 1 && options.inputs[0].name == "in" ? FromIn(options.description)
-                                                                        : options.description;
+    return options.inputs.size() == 1 && options.inputs[0].name == "in"
+               ? telvane::detail::FromIn(options.description)
+               : options.description;
 }
 
 std::vector<std::unique_ptr<Input>> OpenInputs(const Options& options, AVMediaType kind)
@@ -95,6 +96,9 @@ std::vector<std::unique_ptr<Input>> OpenInputs(const Options& options, AVMediaTy
 Input* ChoosePassed(const Options& options, const std::vector<std::unique_ptr<Input>>& inputs,
                     AVMediaType kind)
 {
+    if (options.bExplain || options.output.path.empty()) {
+        return nullptr;
+    }
     const std::string format = Output::FormatOf(options.output.path, options.output.format);
     if (options.pass == "none" || (format != "mp4" && format != "mkv")) {
         return nullptr;
@@ -111,14 +115,29 @@ Input* ChoosePassed(const Options& options, const std::vector<std::unique_ptr<In
     return nullptr;
 }
 
+OutputWish WishOf(const Options& options, const Input* pPassing)
+{
+    OutputWish wish = options.output;
+    wish.pPassed = pPassing != nullptr ? pPassing->PassedStream() : nullptr;
+    return wish;
+}
+
+double Until(const Options& options)
+{
+    return options.dLength > 0 ? options.dLength : kForever;
+}
+
 void FinishPassed(const Options& options, Input& passing, Output& output, double dSeconds, bool bOver)
 {
     const bool bCut = IsInterrupted() || bOver || options.dLength > 0 || options.atEnd == AtEnd::kStop;
-    output.WriteRest(passing, bCut ? dSeconds : 1e18);
+    output.WriteRest(passing, bCut ? dSeconds : kForever);
 }
 
-double LongestOf(const std::vector<std::unique_ptr<Input>>& inputs)
+double SecondsToDo(const Options& options, const std::vector<std::unique_ptr<Input>>& inputs)
 {
+    if (options.dLength > 0) {
+        return options.dLength;
+    }
     double dLongest = 0;
     for (const auto& input : inputs) {
         dLongest = std::max(dLongest, input->Duration());

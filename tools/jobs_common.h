@@ -31,7 +31,29 @@ Input* ChoosePassed(const Options& options, const std::vector<std::unique_ptr<In
                     AVMediaType kind);
 // Copies what is left of the other stream: to its own end, or where the job was cut short, to that time.
 void FinishPassed(const Options& options, Input& passing, Output& output, double dSeconds, bool bOver);
-double LongestOf(const std::vector<std::unique_ptr<Input>>& inputs);
+// For the progress: the length that was asked for, or the longest input's; 0 if that is not known.
+double SecondsToDo(const Options& options, const std::vector<std::unique_ptr<Input>>& inputs);
+
+constexpr double kForever = 1e18; // seconds
+// When the copied stream ends at the latest.
+double Until(const Options& options);
+OutputWish WishOf(const Options& options, const Input* pPassing);
+
+// The inputs of a job, with a source for each, and the one whose other stream is copied, if any.
+template <class Source>
+struct Opened {
+    Opened(const Options& options, AVMediaType kind, AVMediaType other)
+        : inputs(OpenInputs(options, kind)), pPassing(ChoosePassed(options, inputs, other))
+    {
+        sources.reserve(inputs.size());
+        for (const auto& input : inputs) {
+            sources.emplace_back(*input);
+        }
+    }
+    std::vector<std::unique_ptr<Input>> inputs;
+    Input* pPassing;
+    std::vector<Source> sources;
+};
 
 // A description that makes more and more of what it has got needs an end that somebody sets.
 void RefuseEndless(const Options& options, const OwnGraph& graph);

@@ -186,7 +186,6 @@ class AudioSource
 
     const telvane::AudioStream& Stream() const { return m_Stream; }
     const AVChannelLayout& Layout() const { return m_Layout; }
-    std::size_t FrameBytes() const { return m_nFrameBytes; }
     // Fills one block, with silence after the end; returns how many of its samples are real.
     int Read(std::vector<std::byte>& block);
 
