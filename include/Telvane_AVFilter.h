@@ -14,20 +14,22 @@
  *
  * Results. Every function but AVFilter_GetLastError returns true for success and false for failure.
  *   After false, AVFilter_GetLastError gives the reason, one of the AVFILTER_ERROR_* codes. Test the
- *   returned value, not the flag AVFilter_IsErrorOccur: four failures of the audio family
- *   deliberately leave the flag false (each is marked "flag false" below).
+ *   returned value, not the flag AVFilter_IsErrorOccur: the failures of the audio family that are marked
+ *   "flag false" below leave the flag false, as their callers know it.
  *
  * Failure. "Nothing written" means that no output argument was touched. A failed working call leaves
  *   the handle usable.
  *
  * Handles. A 64-bit number, written by a successful creating call, valid until the family's
  *   destroying call. Values lie between 1000000001 and 9000000002; 0 is never a handle. Destroying a
- *   handle that does not exist is no error. Handles still alive when the process exits are dropped
- *   without being torn down.
+ *   handle that does not exist is no error.
  *
  * Units. Sizes and counts of buffers are bytes; widths and heights are pixels; a block's length is
- *   samples per channel. Sample formats are FFmpeg's AVSampleFormat values (s16 packed is 1, float
- *   packed is 3), pixel formats its AVPixelFormat values (yuv420p is 0, rgb24 is 2).
+ *   samples per channel. Sample formats are the numbers of FFmpeg's AVSampleFormat (libavutil/samplefmt.h;
+ *   s16 packed is 1, float packed is 3), pixel formats those of its AVPixelFormat (libavutil/pixfmt.h;
+ *   yuv420p is 0, rgb24 is 2, nv12 is 23). Channels stand in the order of FFmpeg's default layout for their
+ *   number (av_channel_layout_default, libavutil/channel_layout.h): two are left, right; six are front left,
+ *   front right, centre, low frequency, back left, back right.
  *
  * Ownership. Caller's buffers, texts and records are read or written during the call only, with two
  *   exceptions, both of whole-picture mode: AVFilter_Video_MIXSend hands the block to the graph, and
@@ -50,7 +52,19 @@
  * The process. The library opens no file, keeps no log, installs no handler and reads no environment
  *   variable of its own. FFmpeg writes its messages to standard error as in any program
  *   (av_log_set_level changes that). Call no function of this library from a log callback
- *   (av_log_set_callback): it may wait for itself. The functions throw nothing but std::bad_alloc.
+ *   (av_log_set_callback): it may wait for itself.
+ *     Lack of memory is reported by codes, but for the few bytes in which a creating call lists a handle
+ *   and its inputs: for these it throws std::bad_alloc. A C++ caller can catch it; no handle exists then,
+ *   though its variable may have been written (audio: what was built stays allocated). In a caller of any
+ *   other language it ends the process. No other exception is thrown.
+ *     Exit: calls may run, and others may come, while the process exits, on other threads and in exit
+ *   handlers. Handles that are still alive then are dropped without being torn down.
+ *     fork: in the child, handles can be made, used and destroyed at once. Of its parent's handles it may use
+ *   and destroy those on which no other thread was running a call; it must not touch the others, nor those
+ *   whose filters keep threads of their own (movie, hardware). A fork waits for the calls that have a
+ *   family's lock alone, not for working calls. One lock is beyond reach, that of FFmpeg's messages: where
+ *   other threads may be writing some, set av_log_set_level(AV_LOG_QUIET) first.
+ *     dlclose: when no call is running. What belongs to handles still alive stays allocated.
  */
 #ifndef TELVANE_AVFILTER_H
 #define TELVANE_AVFILTER_H
@@ -102,7 +116,7 @@
 #define AVFILTER_ERROR_VIDEO_CREATE_SOURCE 0x80F1003
 /* FFmpeg could not make the sink. */
 #define AVFILTER_ERROR_VIDEO_CREATE_SINK 0x80F1004
-/* FFmpeg could not parse the description; deliberately also: the scaler cannot do that conversion. */
+/* FFmpeg could not parse the description; for scalers: FFmpeg cannot do that conversion. */
 #define AVFILTER_ERROR_VIDEO_PARSE_GRAPH 0x80F1005
 /* The parsed graph does not fit together: an end left open, formats that do not meet. */
 #define AVFILTER_ERROR_VIDEO_CONFIG_GRAPH 0x80F1006
@@ -131,7 +145,7 @@ typedef struct AVFILTER_AUDIO_INFO {
     int nReserved;     /* copied, never read */
 } AVFILTER_AUDIO_INFO;
 
-/* One video stream. As above; there is deliberately no reserved field. */
+/* One video stream. As above; it has no reserved field. */
 typedef struct AVFILTER_VIDEO_INFO {
     char szName[64];  /* mixes: the input's label in the description, at most 63 characters */
     int nWidth;       /* pixels */
@@ -168,7 +182,7 @@ extern "C" {
 #endif
 
 /*
- * Whether the last call failed: set to false when a call starts, to true when it fails (but for the four
+ * Whether the last call failed: set to false when a call starts, to true when it fails (but for the
  * audio failures marked "flag false"). Process-wide, written by whichever call ran last on any thread:
  * with several threads, rely on the returned bool.
  */
@@ -214,9 +228,8 @@ TELVANE_AVFILTER_API unsigned long long AVFilter_GetLastError(int* pnSysError);
  *   AVFILTER_ERROR_AUDIO_PARSE_GRAPH    the description is wrong
  *   AVFILTER_ERROR_AUDIO_CONFIG_GRAPH   the description does not fit the stream or leaves an end open; or
  *                                       nChannels has no default layout (9 to 15, 17 …)
- * After CREATE_FILTER, PARSE_GRAPH and CONFIG_GRAPH the partly built graph deliberately stays
- * allocated (some hundred bytes to a hundred kilobytes): do not try descriptions in a loop in a
- * long-lived process.
+ * After CREATE_FILTER, PARSE_GRAPH and CONFIG_GRAPH the partly built graph stays allocated (some hundred
+ * bytes to a hundred kilobytes): do not try descriptions in a loop in a long-lived process.
  * Threads: free.
  */
 TELVANE_AVFILTER_API bool AVFilter_Audio_Init(unsigned long long* phHandle, const char* szFilterDescr,
@@ -278,8 +291,8 @@ TELVANE_AVFILTER_API bool AVFilter_Audio_Destroy(unsigned long long hHandle);
  *
  * Codes, nothing written:
  *   AVFILTER_ERROR_AUDIO_INVALID_PARAM  nInputCount below 1; phHandle, pppInfo, *pppInfo, a record or
- *                                       the description NULL; a szName without end; also, deliberately
- *                                       under this code, no memory for the graph
+ *                                       the description NULL; a szName without end; also no memory
+ *                                       for the graph, which has no code of its own in mixes
  *   AVFILTER_ERROR_AUDIO_ALLOC          no memory for a list entry
  *   AVFILTER_ERROR_AUDIO_CREATE_FILTER  FFmpeg refuses an input's format or rate, or its nChannels is below
  *                                       1, or the sink could not be made
@@ -287,16 +300,19 @@ TELVANE_AVFILTER_API bool AVFilter_Audio_Destroy(unsigned long long hHandle);
  *   AVFILTER_ERROR_AUDIO_CONFIG_GRAPH   an input or the output is not linked, szOutName is NULL, or formats
  *                                       do not meet
  * After CREATE_FILTER, PARSE_GRAPH, CONFIG_GRAPH and a failed entry for the sink the partly built graph
- * deliberately stays allocated.
+ * stays allocated.
  *
  * What to know about "amix": it waits until every input has samples, hands on blocks cut like the first
  * input's, and with its default normalize=1 makes everything quieter; use normalize=0. An input that
  * falls silent stops the output, and what the other inputs are sent queues up without bound: send
  * silence for it.
- * The end of a stream cannot be signalled. Filters that wait for it keep what they hold: areverse and
- * dynaudnorm (all of ten seconds), the tails of loudnorm, aecho, atempo, speechnorm and silenceremove, a
- * few samples of aresample to another rate, less than a block of asetnsamples; afir gives nothing while
- * its impulse response is an input of the mix; amix's duration option has no effect.
+ * No call signals the end of a stream, but an input of known length can end itself: behind
+ * "[a]atrim=end_sample=N" it ends when the first block after its N samples is sent, whatever that holds,
+ * and the filters then give what they hold ("[a]atrim=end_sample=N,areverse[out]"). Of an input that does
+ * not end, filters that wait for the end keep what they hold: areverse and dynaudnorm (all of ten seconds),
+ * the tails of loudnorm, aecho, atempo, speechnorm and silenceremove, a few samples of aresample to another
+ * rate, less than a block of asetnsamples; afir gives nothing while its impulse response is an input of the
+ * mix without an end; amix's duration option has no effect.
  * Threads: free.
  */
 TELVANE_AVFILTER_API bool AVFilter_Audio_MIXInit(unsigned long long* phHandle,
@@ -307,8 +323,9 @@ TELVANE_AVFILTER_API bool AVFilter_Audio_MIXInit(unsigned long long* phHandle,
  * Sends one block to one input of a mix. The samples are copied.
  *
  * nInputId: the nInputId of the input's record, not its position.
- * pData: nNbSamples samples of each channel, interleaved, in the input's sample format. Use packed
- *   formats: of a planar one only plane 0 would be filled.
+ * pData: nNbSamples samples of each channel, interleaved, in the input's sample format, which must be a
+ *   packed one unless there is one channel only: of a planar format plane 0, the first channel, alone is
+ *   filled, and the other channels enter the graph undefined.
  * nDataSize: bytes at pData, at most the block's size. If it is smaller, the rest of the block is
  *   undefined.
  * No timestamp is set: blocks of an input follow one another.
@@ -317,7 +334,7 @@ TELVANE_AVFILTER_API bool AVFilter_Audio_MIXInit(unsigned long long* phHandle,
  *   AVFILTER_ERROR_AUDIO_INVALID_PARAM  pData is NULL; nDataSize is negative or more than the block
  *   AVFILTER_ERROR_AUDIO_NOT_FOUND      no such handle; or (flag false) no input with that id
  *   AVFILTER_ERROR_AUDIO_FRAME_BUFFER   (flag false) no memory, or the record's nNbSamples is 0 or
- *                                       less; the frame deliberately stays allocated
+ *                                       less; the frame stays allocated
  *   AVFILTER_ERROR_AUDIO_SEND_FRAME     the graph did not take the block; also for the handle of a
  *                                       single stream, which has no input to send to
  * After a failure the graph is as it was.
@@ -379,19 +396,23 @@ TELVANE_AVFILTER_API bool AVFilter_Video_Init(unsigned long long* phHandle, cons
  *   separate planes (pU and pV not NULL): pY, pU, pV hold planes 0, 1, 2 of the stream's pixel format,
  *     rows without padding, nYSize, nUSize, nVSize bytes of each. For yuv420p that is W*H and twice
  *     ((W+1)/2)*((H+1)/2). The counts are byte counts, not strides. A smaller count leaves the rest
- *     of the plane as it was (undefined on the first call). Or as a
+ *     of the plane as it was (undefined on the first call). For a plane that the format lacks pass any
+ *     pointer that is not NULL, with count 0:
+ *       nv12   AVFilter_Video_Cvt(h, y, uv, y, W * H, 2 * ((W + 1) / 2) * ((H + 1) / 2), 0, out, &n)
+ *       rgb24  AVFilter_Video_Cvt(h, rgb, rgb, rgb, 3 * W * H, 0, 0, out, &n)
+ *     NULL in that place would mean the other form, and pY be read past its end. Or as a
  *   whole picture (pU or pV NULL): pY holds one 8-bit 4:2:0 picture, planes at pY, pY + W*H and
  *     pY + W*H*5/4, whatever the stream's pixel format. The sizes are not used. FFmpeg reads from each
  *     place as many bytes as the stream's format has in that plane. W*H*3/2 bytes are enough for 8-bit
  *     4:2:0 of even width and height alone: for odd sizes the chroma planes overlap and reach past that
  *     end, for other formats it is far too little. Use separate planes there.
- * The picture is copied, and never written to, with one deliberate exception: after a whole-picture call,
+ * The picture is copied, and never written to, with one exception: after a whole-picture call,
  * a separate-plane call on the same handle copies its planes into that earlier caller's block. Do not
  * mix the two modes on one handle.
  *
  * pOut: receives the picture as three tight 8-bit 4:2:0 planes; with w and h the size that the graph
  *   gives: luma row r at pOut + r*w, first chroma row r at pOut + w*h + r*(w/2), second chroma row r at
- *   pOut + w*h + (w/2)*(h/2) + r*(w/2). An odd w or h deliberately loses the last chroma column or row.
+ *   pOut + w*h + (w/2)*(h/2) + r*(w/2). An odd w or h loses the last chroma column or row.
  *   No capacity is passed: it must hold the largest picture that the description can give.
  * pnOutLen: receives w*h + 2*(w/2)*(h/2). Not read.
  * The output's format is not examined. Anything but 8-bit 4:2:0 in three planes comes out wrong: end
@@ -412,8 +433,11 @@ TELVANE_AVFILTER_API bool AVFilter_Video_Init(unsigned long long* phHandle, cons
  * One picture leaves per call. A graph that makes several of each ("loop", "fps" upwards) queues the rest
  * without bound.
  * No timestamp is set: filters that depend on time do nothing useful, and "fps" drops every picture.
- * Put "setpts=N" first: pictures are then 1/nTimeBase seconds apart. The end of the stream cannot be
- * signalled: "reverse", and the last pictures of "minterpolate" or "yadif", stay inside.
+ * Put "setpts=N" first: pictures are then 1/nTimeBase seconds apart.
+ * No call signals the end of the stream, but one of known length can end itself: behind
+ * "[in]trim=end_frame=N" it ends when picture N+1 is sent, whatever that holds, and the filters then give
+ * what they hold: "[in]trim=end_frame=3,reverse[out]" gives pictures 3, 2, 1 in calls 4, 5, 6. Without that,
+ * "reverse", and the last pictures of "minterpolate" or "yadif", stay inside.
  * Threads: per handle.
  */
 TELVANE_AVFILTER_API bool AVFilter_Video_Cvt(unsigned long long hHandle, unsigned char* pY,
@@ -437,8 +461,8 @@ TELVANE_AVFILTER_API bool AVFilter_Video_Destroy(unsigned long long hHandle);
  *
  * Codes, nothing written and nothing left allocated:
  *   AVFILTER_ERROR_VIDEO_INVALID_PARAM  nInputCount below 1; phHandle, pppInfo, *pppInfo, a record or
- *                                       the description NULL; a szName without end; also, deliberately
- *                                       under this code, no memory for the graph
+ *                                       the description NULL; a szName without end; also no memory
+ *                                       for the graph, which has no code of its own in mixes
  *   AVFILTER_ERROR_VIDEO_ALLOC          no memory for a list entry
  *   AVFILTER_ERROR_VIDEO_CREATE_SOURCE  FFmpeg refuses an input's size, pixel format or time base
  *   AVFILTER_ERROR_VIDEO_CREATE_SINK    FFmpeg could not make the sink
@@ -449,7 +473,8 @@ TELVANE_AVFILTER_API bool AVFilter_Video_Destroy(unsigned long long hHandle);
  * Pairing: each input's pictures count their time from 0 in steps of 1/nTimeBase, and filters with
  * several inputs (overlay, hstack, blend) pair them by time, not by count: beside a 50 per second input,
  * a 25 per second input needs one picture for every two. An input that falls silent stops the output,
- * and what the others are sent queues up without bound: send its last picture again.
+ * and what the others are sent queues up without bound: send its last picture again. An input of known
+ * length can end itself, as for AVFilter_Video_Cvt.
  * Threads: free.
  */
 TELVANE_AVFILTER_API bool AVFilter_Video_MIXInit(unsigned long long* phHandle,
@@ -462,7 +487,9 @@ TELVANE_AVFILTER_API bool AVFilter_Video_MIXInit(unsigned long long* phHandle,
  * nInputId: the nInputId of the input's record, not its position.
  * pY, pU, pV, nYSize, nUSize, nVSize: separate planes or a whole picture, as for AVFilter_Video_Cvt.
  *   Separate planes are copied; the caller's bytes are never written to. Counts smaller than the planes
- *   leave the rest of the picture undefined.
+ *   leave the rest of the picture undefined. Formats of one or two planes as there:
+ *     nv12   AVFilter_Video_MIXSend(h, id, y, uv, y, W * H, 2 * ((W + 1) / 2) * ((H + 1) / 2), 0)
+ *     rgb24  AVFilter_Video_MIXSend(h, id, rgb, rgb, rgb, 3 * W * H, 0, 0)
  *   A WHOLE PICTURE IS HANDED TO THE GRAPH WITHOUT A COPY. The block must stay, and stay unchanged, until
  *   the pictures made from it have been received, or the mix is destroyed. Filters that work in place
  *   write into it: drawbox, drawgrid, negate, hue, noise, fade and lutyuv do, overlay and hstack did not in
@@ -475,7 +502,7 @@ TELVANE_AVFILTER_API bool AVFilter_Video_MIXInit(unsigned long long* phHandle,
  *   AVFILTER_ERROR_VIDEO_INVALID_PARAM  pY is NULL; a separate plane's count is negative, belongs to a
  *                                       plane that the format does not have, or would run past the end of
  *                                       the memory for the copy (which is somewhat larger than the picture)
- *   AVFILTER_ERROR_VIDEO_NOT_FOUND      no such handle, or no input with that id (deliberately one code)
+ *   AVFILTER_ERROR_VIDEO_NOT_FOUND      no such handle, or no input with that id
  *   AVFILTER_ERROR_VIDEO_ALLOC          no memory for a frame, or for the copy of separate planes
  *   AVFILTER_ERROR_VIDEO_SEND_FRAME     the graph did not take the picture
  * After a failure the graph is as it was.
@@ -527,8 +554,7 @@ TELVANE_AVFILTER_API bool AVFilter_VideoScale_Init(unsigned long long* phHandle)
  *
  * Codes:
  *   AVFILTER_ERROR_VIDEO_NOT_FOUND    no such handle
- *   AVFILTER_ERROR_VIDEO_PARSE_GRAPH  FFmpeg's scaler refuses the formats or sizes (deliberately the
- *                                     code of a refused description)
+ *   AVFILTER_ERROR_VIDEO_PARSE_GRAPH  FFmpeg's scaler refuses the formats or sizes
  * After PARSE_GRAPH the scaler is not set up; the handle stays, and a later call may succeed.
  * Lack of memory for the pictures is not reported here but by AVFilter_VideoScale_Fmt.
  * Waits for the scaling calls that are running, and holds up new ones. Threads: per handle.

@@ -1,8 +1,8 @@
 // Audio filter graphs: single-stream and mixing handles in one map.
 #pragma once
 
-#include "frame/ffmpeg.h"
-#include "frame/registry.h"
+#include "common/ffmpeg.h"
+#include "common/registry.h"
 
 #include "Telvane_AVFilter.h"
 
@@ -29,14 +29,15 @@ struct AVFILTER_AUDIOFILTER {
     std::vector<AVFILTER_AUDIOINFO> vec_AudioInfo;
 };
 
-// Describes a frame that is about to get its sample buffer.
-void DescribeAudioFrame(AVFrame& st_Frame, const AVFILTER_AUDIO_INFO& st_Info);
+// Frees what a record owns, but for the list entries of a mix.
+void Release(AVFILTER_AUDIOFILTER& record);
+
+// Describes a frame and gets its sample buffer, with undefined contents. False if there is none to be had.
+bool GetBlock(AVFrame& st_Frame, const AVFILTER_AUDIO_INFO& st_Info);
 
 class CAVFilter_Audio
 {
   public:
-    CAVFilter_Audio() noexcept { frame::PreferWriters(m_Mutex); }
-
     bool AVFilter_Audio_Init(unsigned long long* phHandle, const char* szFilterDescr,
                              AVFILTER_AUDIO_INFO* pInfo);
     bool AVFilter_Audio_Cvt(unsigned long long hHandle, unsigned char* pIn, int nInLen, unsigned char* pOut,
@@ -51,7 +52,6 @@ class CAVFilter_Audio
     bool AVFilter_Audio_MIXDestroy(unsigned long long hHandle);
 
   private:
-    std::shared_mutex m_Mutex;
-    frame::HandleMap<AVFILTER_AUDIOFILTER> m_mapAudioFilter;
-    frame::WriterGate m_WriterGate;
+    common::FamilyLock m_Mutex;
+    common::HandleMap<AVFILTER_AUDIOFILTER> m_mapAudioFilter{m_Mutex};
 };

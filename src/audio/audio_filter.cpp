@@ -1,31 +1,20 @@
 #include "audio.h"
 
-#include "frame/error.h"
-#include "frame/graph.h"
+#include "api/error.h"
+#include "common/graph.h"
 
+#include <cstdint>
 #include <cstring>
 
-using frame::ClearError;
-using frame::ErrorCode;
-using frame::Fail;
-using frame::FailWithoutFlag;
+using api::ClearError;
+using api::ErrorCode;
+using api::Fail;
+using api::FailWithoutFlag;
 
-namespace
-{
-
-void FreeFilter(AVFilterContext*& pSt_Filter)
-{
-    if (pSt_Filter != nullptr) {
-        avfilter_free(pSt_Filter);
-        pSt_Filter = nullptr;
-    }
-}
-
-// Frees what a record owns, but for the list entries of a mix: those are deliberately left alone.
 void Release(AVFILTER_AUDIOFILTER& record)
 {
-    FreeFilter(record.pSt_BufferSrcCtx);
-    FreeFilter(record.pSt_BufferSinkCtx);
+    avfilter_free(record.pSt_BufferSrcCtx);
+    avfilter_free(record.pSt_BufferSinkCtx);
     avfilter_inout_free(&record.pSt_Outputs);
     avfilter_inout_free(&record.pSt_Inputs);
     av_frame_free(&record.pSt_InFrame);
@@ -34,14 +23,26 @@ void Release(AVFILTER_AUDIOFILTER& record)
     record.vec_AudioInfo.clear();
 }
 
-} // namespace
-
-void DescribeAudioFrame(AVFrame& st_Frame, const AVFILTER_AUDIO_INFO& st_Info)
+// FFmpeg's filters work in place on whole vector registers, up to 127 bytes past the end of a block that is no
+// multiple of them: the buffer is made for some samples more than the block has, and says nothing of them.
+bool GetBlock(AVFrame& st_Frame, const AVFILTER_AUDIO_INFO& st_Info)
 {
+    constexpr int kSpareSamples = 128;
+    constexpr std::int64_t kLargest = 1 << 30; // bytes; FFmpeg refuses blocks beyond INT_MAX
+    const bool bSpare = st_Info.nNbSamples > 0 && st_Info.nChannels > 0 &&
+                        std::int64_t{8} * st_Info.nNbSamples < kLargest / st_Info.nChannels;
+
     st_Frame.sample_rate = st_Info.nSampleRate;
     st_Frame.format = st_Info.nSampleFormat;
-    st_Frame.nb_samples = st_Info.nNbSamples;
+    st_Frame.nb_samples = st_Info.nNbSamples + (bSpare ? kSpareSamples : 0);
     av_channel_layout_default(&st_Frame.ch_layout, st_Info.nChannels);
+    if (av_frame_get_buffer(&st_Frame, 1) < 0) {
+        return false;
+    }
+    // What a filter passes on unchanged tells its number of bytes by the line size.
+    st_Frame.linesize[0] = st_Frame.linesize[0] / st_Frame.nb_samples * st_Info.nNbSamples;
+    st_Frame.nb_samples = st_Info.nNbSamples;
+    return true;
 }
 
 bool CAVFilter_Audio::AVFilter_Audio_Init(unsigned long long* phHandle, const char* szFilterDescr,
@@ -52,9 +53,9 @@ bool CAVFilter_Audio::AVFilter_Audio_Init(unsigned long long* phHandle, const ch
         return Fail(AVFILTER_ERROR_AUDIO_INVALID_PARAM);
     }
 
-    // Where FFmpeg refuses the graph, what was built so far deliberately stays allocated.
+    // Where FFmpeg refuses the graph, what was built so far stays allocated: part of the interface.
     AVFILTER_AUDIOFILTER record{};
-    record.pSt_FilterGraph = frame::NewGraph();
+    record.pSt_FilterGraph = common::NewGraph();
     record.pSt_Outputs = avfilter_inout_alloc();
     record.pSt_Inputs = avfilter_inout_alloc();
     if (record.pSt_FilterGraph == nullptr) {
@@ -64,9 +65,11 @@ bool CAVFilter_Audio::AVFilter_Audio_Init(unsigned long long* phHandle, const ch
         Release(record);
         return Fail(AVFILTER_ERROR_AUDIO_ALLOC);
     }
+    const common::End source{"in", &record.pSt_BufferSrcCtx, &record.pSt_Outputs, pInfo};
+    const common::End sink{"out", &record.pSt_BufferSinkCtx, &record.pSt_Inputs, {}};
     const ErrorCode code =
-        frame::BuildSingle(frame::kAudio, record, frame::SingleSourceArgs(*pInfo), szFilterDescr);
-    if (code != frame::kNoError) {
+        common::Build(common::kAudio, record.pSt_FilterGraph, {&source, 1}, sink, szFilterDescr);
+    if (code != api::kNoError) {
         return Fail(code);
     }
 
@@ -78,7 +81,7 @@ bool CAVFilter_Audio::AVFilter_Audio_Init(unsigned long long* phHandle, const ch
     }
     record.vec_AudioInfo.push_back({*pInfo, nullptr, nullptr});
 
-    frame::Register(m_WriterGate, m_Mutex, m_mapAudioFilter, phHandle, record);
+    m_mapAudioFilter.Register(phHandle, record);
     return true;
 }
 
@@ -90,7 +93,7 @@ bool CAVFilter_Audio::AVFilter_Audio_Cvt(unsigned long long hHandle, unsigned ch
         return Fail(AVFILTER_ERROR_AUDIO_INVALID_PARAM);
     }
     const std::shared_lock lock(m_Mutex);
-    AVFILTER_AUDIOFILTER* pRecord = frame::Find(m_mapAudioFilter, hHandle);
+    AVFILTER_AUDIOFILTER* pRecord = m_mapAudioFilter.Find(hHandle);
     // A mix is in the same map, without the frames of a single stream.
     if (pRecord == nullptr || pRecord->pSt_InFrame == nullptr) {
         return Fail(AVFILTER_ERROR_AUDIO_NOT_FOUND);
@@ -98,9 +101,9 @@ bool CAVFilter_Audio::AVFilter_Audio_Cvt(unsigned long long hHandle, unsigned ch
     AVFrame* pSt_In = pRecord->pSt_InFrame;
     AVFrame* pSt_Out = pRecord->pSt_OutFrame;
 
-    // Deliberate: the block sent is the new buffer as it comes. The caller's samples are not read.
-    DescribeAudioFrame(*pSt_In, pRecord->vec_AudioInfo.front().st_AudioInfo);
-    if (av_frame_get_buffer(pSt_In, 1) < 0) {
+    // The block sent is the new buffer as it comes: callers use this call for graphs that make their own
+    // sound. Their samples are not read.
+    if (!GetBlock(*pSt_In, pRecord->vec_AudioInfo.front().st_AudioInfo)) {
         return FailWithoutFlag(AVFILTER_ERROR_AUDIO_FRAME_BUFFER);
     }
     if (av_buffersrc_add_frame(pRecord->pSt_BufferSrcCtx, pSt_In) < 0) {
@@ -134,11 +137,5 @@ bool CAVFilter_Audio::AVFilter_Audio_Cvt(unsigned long long hHandle, unsigned ch
 
 bool CAVFilter_Audio::AVFilter_Audio_Destroy(unsigned long long hHandle)
 {
-    ClearError();
-    const frame::ExclusiveLock lock(m_WriterGate, m_Mutex);
-    if (AVFILTER_AUDIOFILTER* pRecord = frame::Find(m_mapAudioFilter, hHandle)) {
-        Release(*pRecord);
-        m_mapAudioFilter.erase(hHandle);
-    }
-    return true;
+    return m_mapAudioFilter.Destroy(hHandle);
 }

@@ -1,14 +1,14 @@
 #include "audio.h"
 
-#include "frame/error.h"
-#include "frame/graph.h"
+#include "api/error.h"
+#include "common/graph.h"
 
 #include <cstring>
 
-using frame::ClearError;
-using frame::ErrorCode;
-using frame::Fail;
-using frame::FailWithoutFlag;
+using api::ClearError;
+using api::ErrorCode;
+using api::Fail;
+using api::FailWithoutFlag;
 
 bool CAVFilter_Audio::AVFilter_Audio_MIXInit(unsigned long long* phHandle, AVFILTER_AUDIO_INFO*** pppInfo,
                                              int nInputCount, const char* szOutName,
@@ -19,28 +19,29 @@ bool CAVFilter_Audio::AVFilter_Audio_MIXInit(unsigned long long* phHandle, AVFIL
         return Fail(AVFILTER_ERROR_AUDIO_INVALID_PARAM);
     }
     AVFILTER_AUDIOFILTER record{};
-    record.pSt_FilterGraph = frame::NewGraph();
+    record.pSt_FilterGraph = common::NewGraph();
     if (record.pSt_FilterGraph == nullptr) {
-        // Deliberately not the allocation code.
+        // Not the allocation code: callers know this failure by the code of a bad argument.
         return Fail(AVFILTER_ERROR_AUDIO_INVALID_PARAM);
     }
-    ErrorCode code = frame::BuildMix(frame::kAudio, record.pSt_FilterGraph, record.vec_AudioInfo,
-                                     &AVFILTER_AUDIOINFO::st_AudioInfo, pppInfo, nInputCount, szOutName,
-                                     szFilterDescr, &record.pSt_BufferSinkCtx, &record.pSt_MixInputs);
-    if (code == frame::kNoError && phHandle == nullptr) {
+    const std::vector<common::End> sources =
+        common::MixSources(record.vec_AudioInfo, &AVFILTER_AUDIOINFO::st_AudioInfo, pppInfo, nInputCount);
+    const common::End sink{szOutName, &record.pSt_BufferSinkCtx, &record.pSt_MixInputs, {}};
+    ErrorCode code = common::Build(common::kAudio, record.pSt_FilterGraph, sources, sink, szFilterDescr);
+    if (code == api::kNoError && phHandle == nullptr) {
         code = AVFILTER_ERROR_AUDIO_INVALID_PARAM;
     }
-    if (code != frame::kNoError) {
-        // Where FFmpeg refuses the graph or has no memory for the sink's entry, what was built
-        // deliberately stays allocated. Null arguments and a null entry of an input leave nothing.
+    if (code != api::kNoError) {
+        // Where FFmpeg refuses the graph or has no memory for the sink's entry, what was built stays
+        // allocated, as for single streams. Null arguments and a null entry of an input leave nothing.
         const bool bInputEntry = code == AVFILTER_ERROR_AUDIO_ALLOC && record.pSt_BufferSinkCtx == nullptr;
         if (code == AVFILTER_ERROR_AUDIO_INVALID_PARAM || bInputEntry) {
-            frame::FreeMixEntries(record.vec_AudioInfo, &record.pSt_MixInputs);
+            common::FreeMixEntries(record.vec_AudioInfo, &record.pSt_MixInputs);
             avfilter_graph_free(&record.pSt_FilterGraph);
         }
         return Fail(code);
     }
-    frame::Register(m_WriterGate, m_Mutex, m_mapAudioFilter, phHandle, record);
+    m_mapAudioFilter.Register(phHandle, record);
     return true;
 }
 
@@ -52,28 +53,28 @@ bool CAVFilter_Audio::AVFilter_Audio_MIXSend(unsigned long long hHandle, int nIn
         return Fail(AVFILTER_ERROR_AUDIO_INVALID_PARAM);
     }
     const std::shared_lock lock(m_Mutex);
-    AVFILTER_AUDIOFILTER* pRecord = frame::Find(m_mapAudioFilter, hHandle);
+    AVFILTER_AUDIOFILTER* pRecord = m_mapAudioFilter.Find(hHandle);
     if (pRecord == nullptr) {
         return Fail(AVFILTER_ERROR_AUDIO_NOT_FOUND);
     }
     const AVFILTER_AUDIOINFO* pInput =
-        frame::FindInput(pRecord->vec_AudioInfo, &AVFILTER_AUDIOINFO::st_AudioInfo, nInputId);
+        common::FindInput(pRecord->vec_AudioInfo, &AVFILTER_AUDIOINFO::st_AudioInfo, nInputId);
     if (pInput == nullptr) {
         return FailWithoutFlag(AVFILTER_ERROR_AUDIO_NOT_FOUND);
     }
 
-    frame::UniqueFrame frame(av_frame_alloc());
+    common::UniqueFrame frame(av_frame_alloc());
     if (!frame) {
         return FailWithoutFlag(AVFILTER_ERROR_AUDIO_FRAME_BUFFER);
     }
-    DescribeAudioFrame(*frame, pInput->st_AudioInfo);
-    if (av_frame_get_buffer(frame.get(), 1) < 0) {
-        // The frame is deliberately kept on this path.
+    if (!GetBlock(*frame, pInput->st_AudioInfo)) {
+        // The frame stays allocated on this path: part of the interface.
         static_cast<void>(frame.release());
         return FailWithoutFlag(AVFILTER_ERROR_AUDIO_FRAME_BUFFER);
     }
-    // A shorter block is let through, with the rest of the buffer as it came.
-    if (nDataSize < 0 || !frame::InBounds(*frame, frame->data[0], static_cast<std::size_t>(nDataSize))) {
+    // A shorter block is let through, with the rest of the buffer as it came. FFmpeg 9's buffers are longer
+    // than the block: its line size tells.
+    if (nDataSize < 0 || nDataSize > frame->linesize[0]) {
         return Fail(AVFILTER_ERROR_AUDIO_INVALID_PARAM);
     }
     std::memcpy(frame->data[0], pData, static_cast<std::size_t>(nDataSize));
@@ -94,11 +95,11 @@ bool CAVFilter_Audio::AVFilter_Audio_MIXRecv(unsigned long long hHandle, unsigne
         return Fail(AVFILTER_ERROR_AUDIO_INVALID_PARAM);
     }
     const std::shared_lock lock(m_Mutex);
-    AVFILTER_AUDIOFILTER* pRecord = frame::Find(m_mapAudioFilter, hHandle);
+    AVFILTER_AUDIOFILTER* pRecord = m_mapAudioFilter.Find(hHandle);
     if (pRecord == nullptr) {
         return Fail(AVFILTER_ERROR_AUDIO_NOT_FOUND);
     }
-    const frame::UniqueFrame frame(av_frame_alloc());
+    const common::UniqueFrame frame(av_frame_alloc());
     if (!frame) {
         return Fail(AVFILTER_ERROR_AUDIO_FRAME_BUFFER);
     }
@@ -114,7 +115,7 @@ bool CAVFilter_Audio::AVFilter_Audio_MIXRecv(unsigned long long hHandle, unsigne
     }
     const int nSize =
         av_samples_get_buffer_size(nullptr, frame->ch_layout.nb_channels, frame->nb_samples, format, 1);
-    if (nSize < 0 || !frame::InBounds(*frame, frame->data[0], static_cast<std::size_t>(nSize))) {
+    if (nSize < 0 || !common::InBounds(*frame, frame->data[0], static_cast<std::size_t>(nSize))) {
         return Fail(AVFILTER_ERROR_AUDIO_RECEIVE_FRAME);
     }
     *pnOutSize = nSize;
@@ -124,6 +125,5 @@ bool CAVFilter_Audio::AVFilter_Audio_MIXRecv(unsigned long long hHandle, unsigne
 
 bool CAVFilter_Audio::AVFilter_Audio_MIXDestroy(unsigned long long hHandle)
 {
-    ClearError();
     return AVFilter_Audio_Destroy(hHandle);
 }

@@ -1,12 +1,13 @@
 #include "video_scale.h"
 
-#include "frame/error.h"
+#include "api/error.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 
-using frame::ClearError;
-using frame::Fail;
+using api::ClearError;
+using api::Fail;
 
 namespace
 {
@@ -22,15 +23,6 @@ void FreePicture(std::uint8_t* (&pu8_Data)[4])
 {
     av_freep(&pu8_Data[0]);
     pu8_Data[1] = pu8_Data[2] = pu8_Data[3] = nullptr;
-}
-
-void Release(AVFILTER_VIDEOSCALE& record)
-{
-    FreePicture(record.pu8_SrcData);
-    FreePicture(record.pu8_DstData);
-    FreePicture(record.pu8_PaddedData);
-    sws_freeContext(record.pSt_SwsContext);
-    record.pSt_SwsContext = nullptr;
 }
 
 // A tight picture as av_image_alloc lays it out, with slack behind it. Unlike that function it also
@@ -62,8 +54,7 @@ void AllocDestination(const AVFILTER_VIDEOSCALE& record, std::uint8_t* (&pu8_Dat
                       int nAlignment)
 {
     const auto format = static_cast<AVPixelFormat>(record.nDstFormat);
-    const int nWidth =
-        nAlignment > 1 ? record.nDstWidth * frame::PaddedRowFactor(format) : record.nDstWidth;
+    const int nWidth = nAlignment > 1 ? common::PaddedWidth(format, record.nDstWidth) : record.nDstWidth;
     const int nSize = av_image_alloc(pu8_Data, nLinesize, nWidth, record.nDstHeight, format, nAlignment);
     if (nSize < 0) {
         // FFmpeg may leave pointers to what it has freed.
@@ -83,7 +74,7 @@ bool IsPixelFormat(int nFormat)
 
 // swscale's vector code stores whole registers and works on groups of 8 or 16 pixels. With tight rows
 // it faults on unaligned ones, leaves the last columns unwritten or writes past the end of the block,
-// depending on the pair of formats. Checked over all 30,940 pairs: sound where all rows are multiples
+// depending on the pair of formats. Checked over all pairs that FFmpeg 5.1 converts: sound where all rows are multiples
 // of 16 bytes and the width is a multiple of 16 pixels. Where it is sound the pictures are the same.
 bool NeedsPadding(const AVFILTER_VIDEOSCALE& record)
 {
@@ -95,18 +86,32 @@ bool NeedsPadding(const AVFILTER_VIDEOSCALE& record)
     return record.nDstWidth % 16 != 0;
 }
 
+// swscale makes contexts for Bayer pictures of a single row; converting one then fails, or aborts the process
+// (seen in FFmpeg 6.1).
+bool IsBayerRow(const AVFILTER_VIDEOSCALE& record)
+{
+    return record.nSrcHeight == 1 && record.nSrcFormat >= AV_PIX_FMT_BAYER_BGGR8 &&
+           record.nSrcFormat <= AV_PIX_FMT_BAYER_GRBG16BE;
+}
+
 bool IsReady(const AVFILTER_VIDEOSCALE& record)
 {
-    return record.pSt_SwsContext != nullptr && record.pu8_SrcData[0] != nullptr &&
+    return !IsBayerRow(record) && record.pSt_SwsContext != nullptr && record.pu8_SrcData[0] != nullptr &&
            record.pu8_DstData[0] != nullptr && record.nDstBufferSize > 0 &&
            (record.pu8_PaddedData[0] != nullptr || !NeedsPadding(record));
 }
 
-// Some converters, NV12's among them, do not copy all planes between equal formats.
-bool IsCopy(const AVFILTER_VIDEOSCALE& record)
+// How many bytes at the start of the destination are the source's own. Some converters, NV12's among them,
+// do not copy all planes between equal formats.
+std::size_t CopiedSize(const AVFILTER_VIDEOSCALE& record)
 {
-    return record.nSrcFormat == record.nDstFormat && record.nSrcWidth == record.nDstWidth &&
-           record.nSrcHeight == record.nDstHeight;
+    const bool bCopy = record.nSrcFormat == record.nDstFormat ||
+                       common::CopiesHalfRows(static_cast<AVPixelFormat>(record.nSrcFormat),
+                                              static_cast<AVPixelFormat>(record.nDstFormat));
+    if (!bCopy || record.nSrcWidth != record.nDstWidth || record.nSrcHeight != record.nDstHeight) {
+        return 0;
+    }
+    return static_cast<std::size_t>(std::min(record.nSrcBufferSize, record.nDstBufferSize));
 }
 
 // Writes the padded picture's rows without their padding. The tight picture, which the planes of a
@@ -129,13 +134,22 @@ void PackRows(const AVFILTER_VIDEOSCALE& record, unsigned char* pOut)
 
 } // namespace
 
+void Release(AVFILTER_VIDEOSCALE& record)
+{
+    FreePicture(record.pu8_SrcData);
+    FreePicture(record.pu8_DstData);
+    FreePicture(record.pu8_PaddedData);
+    sws_freeContext(record.pSt_SwsContext);
+    record.pSt_SwsContext = nullptr;
+}
+
 bool CAVFilter_VideoScale::AVFilter_VideoScale_Init(unsigned long long* phHandle)
 {
     ClearError();
     if (phHandle == nullptr) {
         return Fail(AVFILTER_ERROR_VIDEO_INVALID_PARAM);
     }
-    frame::Register(m_WriterGate, m_Mutex, m_mapVideoScale, phHandle, AVFILTER_VIDEOSCALE{});
+    m_mapVideoScale.Register(phHandle, {});
     return true;
 }
 
@@ -144,8 +158,8 @@ bool CAVFilter_VideoScale::AVFilter_VideoScale_Set(unsigned long long hHandle, i
                                                    int nDstWidth, int nDstHeight)
 {
     ClearError();
-    const frame::ExclusiveLock lock(m_WriterGate, m_Mutex);
-    AVFILTER_VIDEOSCALE* pRecord = frame::Find(m_mapVideoScale, hHandle);
+    const std::lock_guard lock(m_Mutex);
+    AVFILTER_VIDEOSCALE* pRecord = m_mapVideoScale.Find(hHandle);
     if (pRecord == nullptr) {
         return Fail(AVFILTER_ERROR_VIDEO_NOT_FOUND);
     }
@@ -183,7 +197,7 @@ bool CAVFilter_VideoScale::AVFilter_VideoScale_Fmt(unsigned long long hHandle, c
 {
     ClearError();
     const std::shared_lock lock(m_Mutex);
-    AVFILTER_VIDEOSCALE* pRecord = frame::Find(m_mapVideoScale, hHandle);
+    AVFILTER_VIDEOSCALE* pRecord = m_mapVideoScale.Find(hHandle);
     if (pRecord == nullptr) {
         return Fail(AVFILTER_ERROR_VIDEO_NOT_FOUND);
     }
@@ -215,23 +229,19 @@ bool CAVFilter_VideoScale::AVFilter_VideoScale_Fmt(unsigned long long hHandle, c
     }
     *pnOutLen = record.nDstBufferSize;
     const auto nSize = static_cast<std::size_t>(record.nDstBufferSize);
-    if (IsCopy(record)) {
-        std::memcpy(pOut, record.pu8_SrcData[0], nSize);
-    } else if (bPadded) {
-        PackRows(record, pOut);
-    } else {
-        std::memcpy(pOut, record.pu8_DstData[0], nSize);
+    const std::size_t nCopied = CopiedSize(record);
+    if (nCopied < nSize) {
+        if (bPadded) {
+            PackRows(record, pOut);
+        } else {
+            std::memcpy(pOut, record.pu8_DstData[0], nSize);
+        }
     }
+    std::memcpy(pOut, record.pu8_SrcData[0], nCopied);
     return true;
 }
 
 bool CAVFilter_VideoScale::AVFilter_VideoScale_Destory(unsigned long long hHandle)
 {
-    ClearError();
-    const frame::ExclusiveLock lock(m_WriterGate, m_Mutex);
-    if (AVFILTER_VIDEOSCALE* pRecord = frame::Find(m_mapVideoScale, hHandle)) {
-        Release(*pRecord);
-        m_mapVideoScale.erase(hHandle);
-    }
-    return true;
+    return m_mapVideoScale.Destroy(hHandle);
 }

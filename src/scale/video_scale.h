@@ -1,8 +1,8 @@
 // Scalers: pictures between sizes and pixel formats.
 #pragma once
 
-#include "frame/ffmpeg.h"
-#include "frame/registry.h"
+#include "common/ffmpeg.h"
+#include "common/registry.h"
 
 #include "Telvane_AVFilter.h"
 
@@ -29,11 +29,12 @@ struct AVFILTER_VIDEOSCALE {
     std::uint8_t* pu8_PaddedData[4];
 };
 
+// Frees the pictures and the scaler.
+void Release(AVFILTER_VIDEOSCALE& record);
+
 class CAVFilter_VideoScale
 {
   public:
-    CAVFilter_VideoScale() noexcept { frame::PreferWriters(m_Mutex); }
-
     bool AVFilter_VideoScale_Init(unsigned long long* phHandle);
     bool AVFilter_VideoScale_Set(unsigned long long hHandle, int nSrcFormat, int nSrcWidth, int nSrcHeight,
                                  int nDstFormat, int nDstWidth, int nDstHeight);
@@ -42,7 +43,6 @@ class CAVFilter_VideoScale
     bool AVFilter_VideoScale_Destory(unsigned long long hHandle);
 
   private:
-    std::shared_mutex m_Mutex;
-    frame::HandleMap<AVFILTER_VIDEOSCALE> m_mapVideoScale;
-    frame::WriterGate m_WriterGate;
+    common::FamilyLock m_Mutex;
+    common::HandleMap<AVFILTER_VIDEOSCALE> m_mapVideoScale{m_Mutex};
 };

@@ -1,6 +1,6 @@
 #include "picture.h"
 
-#include "frame/graph.h"
+#include "common/graph.h"
 
 #include <cstring>
 
@@ -31,8 +31,8 @@ bool IsReadable(const AVFrame& st_Frame, const PlaneView& plane)
     if (plane.pData == nullptr) {
         return false;
     }
-    return frame::InBounds(st_Frame, plane.pData, static_cast<std::size_t>(plane.nWidth), plane.nRows,
-                           plane.nStride);
+    return common::InBounds(st_Frame, plane.pData, static_cast<std::size_t>(plane.nWidth), plane.nRows,
+                            plane.nStride);
 }
 
 // Pieces keep both sides in the cache: one copy of some megabytes goes past it on some processors, and
@@ -75,7 +75,7 @@ void PointAtWhole(AVFrame& st_Frame, unsigned char* pPicture)
     st_Frame.data[2] = pPicture + (nSize * 5) / 4;
 }
 
-frame::ErrorCode CopyPlanes(AVFrame& st_Frame, const InputPicture& st_Picture, const Block& block)
+api::ErrorCode CopyPlanes(AVFrame& st_Frame, const InputPicture& st_Picture, const Block& block)
 {
     for (int i = 0; i < 3; ++i) {
         const std::uint8_t* pPlane = st_Frame.data[i];
@@ -104,7 +104,7 @@ frame::ErrorCode CopyPlanes(AVFrame& st_Frame, const InputPicture& st_Picture, c
                       static_cast<std::size_t>(st_Picture.nSize[i]));
         }
     }
-    return frame::kNoError;
+    return api::kNoError;
 }
 
 bool IsSendable(const AVFrame& st_Frame)
@@ -114,7 +114,7 @@ bool IsSendable(const AVFrame& st_Frame)
 
 int PackPicture(const AVFrame& st_Frame, unsigned char* pOut)
 {
-    // An odd size deliberately loses the last chroma column or row.
+    // Callers' buffers are counted so that an odd size loses the last chroma column or row.
     const int nChromaWidth = st_Frame.width / 2;
     const int nChromaRows = st_Frame.height / 2;
     const PlaneView planes[3] = {{st_Frame.data[0], st_Frame.linesize[0], st_Frame.width, st_Frame.height},

@@ -1,8 +1,8 @@
 // Pictures between the caller's buffers and FFmpeg's frames.
 #pragma once
 
-#include "frame/error.h"
-#include "frame/ffmpeg.h"
+#include "api/error.h"
+#include "common/ffmpeg.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -32,7 +32,7 @@ void PointAtWhole(AVFrame& st_Frame, unsigned char* pPicture);
 // Copies each plane as one piece to where the frame's planes point. Returns kNoError or the code to
 // report, with nothing copied: a plane that is not there, a negative count, or one that would run
 // past the end of the block that the plane lies in.
-frame::ErrorCode CopyPlanes(AVFrame& st_Frame, const InputPicture& st_Picture, const Block& block);
+api::ErrorCode CopyPlanes(AVFrame& st_Frame, const InputPicture& st_Picture, const Block& block);
 
 // Whether a frame of the library's own can be handed to FFmpeg, which aborts the process on one without
 // planes or line sizes: there was no memory for it, or its format has no picture in memory.

@@ -1,8 +1,8 @@
 // Video filter graphs: single-stream and mixing handles, each kind in a map of its own.
 #pragma once
 
-#include "frame/ffmpeg.h"
-#include "frame/registry.h"
+#include "common/ffmpeg.h"
+#include "common/registry.h"
 
 #include "Telvane_AVFilter.h"
 
@@ -42,11 +42,13 @@ struct AVCODEC_VIDEOMIXFILTER {
     AVFrame* pSt_Pending;
 };
 
+// Free what a record owns. A graph takes its filters with it.
+void Release(AVCODEC_VIDEOINFO& record);
+void Release(AVCODEC_VIDEOMIXFILTER& record); // with whatever the parser left in the lists
+
 class CAVFilter_Video
 {
   public:
-    CAVFilter_Video() noexcept { frame::PreferWriters(m_Mutex); }
-
     bool AVFilter_Video_Init(unsigned long long* phHandle, const char* szFilterDescr,
                              AVFILTER_VIDEO_INFO* pInfo);
     bool AVFilter_Video_Cvt(unsigned long long hHandle, unsigned char* pY, unsigned char* pU,
@@ -62,8 +64,7 @@ class CAVFilter_Video
     bool AVFilter_Video_MIXDestroy(unsigned long long hHandle);
 
   private:
-    std::shared_mutex m_Mutex;
-    frame::HandleMap<AVCODEC_VIDEOMIXFILTER> m_mapVideoMixFilter;
-    frame::HandleMap<AVCODEC_VIDEOINFO> m_mapVideoFilter;
-    frame::WriterGate m_WriterGate;
+    common::FamilyLock m_Mutex;
+    common::HandleMap<AVCODEC_VIDEOMIXFILTER> m_mapVideoMixFilter{m_Mutex};
+    common::HandleMap<AVCODEC_VIDEOINFO> m_mapVideoFilter{m_Mutex};
 };

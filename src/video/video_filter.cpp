@@ -2,20 +2,16 @@
 
 #include "picture.h"
 
-#include "frame/error.h"
-#include "frame/graph.h"
+#include "api/error.h"
+#include "common/graph.h"
 
 #include <algorithm>
 #include <iterator>
 
-using frame::ClearError;
-using frame::ErrorCode;
-using frame::Fail;
+using api::ClearError;
+using api::ErrorCode;
+using api::Fail;
 
-namespace
-{
-
-// Frees what a record owns. The graph takes its filters with it.
 void Release(AVCODEC_VIDEOINFO& record)
 {
     avfilter_inout_free(&record.pSt_Outputs);
@@ -26,6 +22,9 @@ void Release(AVCODEC_VIDEOINFO& record)
     av_freep(&record.pu8_InBuffer);
     av_freep(&record.pu8_OutBuffer);
 }
+
+namespace
+{
 
 // A frame over a tight picture buffer of its own. A format that has no such picture, or no memory
 // for it, leaves the planes null: whole pictures can be sent all the same.
@@ -58,22 +57,24 @@ bool CAVFilter_Video::AVFilter_Video_Init(unsigned long long* phHandle, const ch
     }
 
     AVCODEC_VIDEOINFO record{};
-    frame::UnlessRegistered<AVCODEC_VIDEOINFO, Release> partlyBuilt(record);
+    common::UnlessRegistered partlyBuilt(record);
     record.pSt_Outputs = avfilter_inout_alloc();
     record.pSt_Inputs = avfilter_inout_alloc();
-    record.pSt_FilterGraph = frame::NewGraph();
+    record.pSt_FilterGraph = common::NewGraph();
     if (record.pSt_Outputs == nullptr || record.pSt_Inputs == nullptr ||
         record.pSt_FilterGraph == nullptr) {
         return Fail(AVFILTER_ERROR_VIDEO_ALLOC);
     }
+    const common::End source{"in", &record.pSt_BufferSrcCtx, &record.pSt_Outputs, pInfo};
+    const common::End sink{"out", &record.pSt_BufferSinkCtx, &record.pSt_Inputs, {}};
     const ErrorCode code =
-        frame::BuildSingle(frame::kVideo, record, frame::MixSourceArgs(*pInfo), szFilterDescr);
-    if (code != frame::kNoError) {
+        common::Build(common::kVideo, record.pSt_FilterGraph, {&source, 1}, sink, szFilterDescr);
+    if (code != api::kNoError) {
         return Fail(code);
     }
 
     record.pSt_InFrame = NewPicture(*pInfo, &record.pu8_InBuffer, &record.nInBufferSize);
-    // Deliberately as large as the input: conversions never write here, the sink brings its own.
+    // As large as the input, whatever the graph gives: conversions never write here, the sink brings its own.
     std::size_t nOutBufferSize = 0;
     record.pSt_OutFrame = NewPicture(*pInfo, &record.pu8_OutBuffer, &nOutBufferSize);
     if (record.pSt_InFrame == nullptr || record.pSt_OutFrame == nullptr) {
@@ -83,7 +84,7 @@ bool CAVFilter_Video::AVFilter_Video_Init(unsigned long long* phHandle, const ch
     record.pSt_InFrame->height = pInfo->nHeight;
     record.pSt_InFrame->format = pInfo->nPixelFormat;
 
-    frame::Register(m_WriterGate, m_Mutex, m_mapVideoFilter, phHandle, record);
+    m_mapVideoFilter.Register(phHandle, record);
     partlyBuilt.Keep();
     return true;
 }
@@ -97,20 +98,20 @@ bool CAVFilter_Video::AVFilter_Video_Cvt(unsigned long long hHandle, unsigned ch
         return Fail(AVFILTER_ERROR_VIDEO_INVALID_PARAM);
     }
     const std::shared_lock lock(m_Mutex);
-    AVCODEC_VIDEOINFO* pRecord = frame::Find(m_mapVideoFilter, hHandle);
+    AVCODEC_VIDEOINFO* pRecord = m_mapVideoFilter.Find(hHandle);
     if (pRecord == nullptr) {
         return Fail(AVFILTER_ERROR_VIDEO_NOT_FOUND);
     }
 
     const video::InputPicture st_Picture{{pY, pU, pV}, {nYSize, nUSize, nVSize}};
     if (st_Picture.IsWhole()) {
-        // Deliberate: the planes stay where they point now, so a later call with separate planes
-        // copies into this block.
+        // The planes stay where they point now, so a later call with separate planes copies into this
+        // block: part of the interface.
         video::PointAtWhole(*pRecord->pSt_InFrame, pY);
     } else {
         const ErrorCode code = video::CopyPlanes(*pRecord->pSt_InFrame, st_Picture,
                                                  {pRecord->pu8_InBuffer, pRecord->nInBufferSize});
-        if (code != frame::kNoError) {
+        if (code != api::kNoError) {
             return Fail(code);
         }
     }
@@ -134,11 +135,5 @@ bool CAVFilter_Video::AVFilter_Video_Cvt(unsigned long long hHandle, unsigned ch
 
 bool CAVFilter_Video::AVFilter_Video_Destroy(unsigned long long hHandle)
 {
-    ClearError();
-    const frame::ExclusiveLock lock(m_WriterGate, m_Mutex);
-    if (AVCODEC_VIDEOINFO* pRecord = frame::Find(m_mapVideoFilter, hHandle)) {
-        Release(*pRecord);
-        m_mapVideoFilter.erase(hHandle);
-    }
-    return true;
+    return m_mapVideoFilter.Destroy(hHandle);
 }

@@ -2,28 +2,22 @@
 
 #include "picture.h"
 
-#include "frame/error.h"
-#include "frame/graph.h"
+#include "api/error.h"
+#include "common/graph.h"
 
 #include <utility>
 
-using frame::ClearError;
-using frame::ErrorCode;
-using frame::Fail;
+using api::ClearError;
+using api::ErrorCode;
+using api::Fail;
 
-namespace
-{
-
-// Frees what a record owns, with whatever the parser left in the lists.
 void Release(AVCODEC_VIDEOMIXFILTER& record)
 {
     avfilter_graph_free(&record.pSt_FilterGraph);
-    frame::FreeMixEntries(record.vec_Filters, &record.pSt_Inputs);
+    common::FreeMixEntries(record.vec_Filters, &record.pSt_Inputs);
     av_frame_free(&record.pSt_Pending);
     record.vec_Filters.clear();
 }
-
-} // namespace
 
 bool CAVFilter_Video::AVFilter_Video_MIXInit(unsigned long long* phHandle, AVFILTER_VIDEO_INFO*** pppInfo,
                                              int nInputCount, const char* szOutName,
@@ -34,22 +28,23 @@ bool CAVFilter_Video::AVFilter_Video_MIXInit(unsigned long long* phHandle, AVFIL
         return Fail(AVFILTER_ERROR_VIDEO_INVALID_PARAM);
     }
     AVCODEC_VIDEOMIXFILTER record{};
-    frame::UnlessRegistered<AVCODEC_VIDEOMIXFILTER, Release> partlyBuilt(record);
-    record.pSt_FilterGraph = frame::NewGraph();
+    common::UnlessRegistered partlyBuilt(record);
+    record.pSt_FilterGraph = common::NewGraph();
     if (record.pSt_FilterGraph == nullptr) {
-        // Deliberately not the allocation code.
+        // Not the allocation code: callers know this failure by the code of a bad argument.
         return Fail(AVFILTER_ERROR_VIDEO_INVALID_PARAM);
     }
-    ErrorCode code = frame::BuildMix(frame::kVideo, record.pSt_FilterGraph, record.vec_Filters,
-                                     &AVCODEC_VIDEOFILTE::st_VideoInfo, pppInfo, nInputCount, szOutName,
-                                     szFilterDescr, &record.pSt_BufferSinkCtx, &record.pSt_Inputs);
-    if (code == frame::kNoError && phHandle == nullptr) {
+    const std::vector<common::End> sources =
+        common::MixSources(record.vec_Filters, &AVCODEC_VIDEOFILTE::st_VideoInfo, pppInfo, nInputCount);
+    const common::End sink{szOutName, &record.pSt_BufferSinkCtx, &record.pSt_Inputs, {}};
+    ErrorCode code = common::Build(common::kVideo, record.pSt_FilterGraph, sources, sink, szFilterDescr);
+    if (code == api::kNoError && phHandle == nullptr) {
         code = AVFILTER_ERROR_VIDEO_INVALID_PARAM;
     }
-    if (code != frame::kNoError) {
+    if (code != api::kNoError) {
         return Fail(code);
     }
-    frame::Register(m_WriterGate, m_Mutex, m_mapVideoMixFilter, phHandle, record);
+    m_mapVideoMixFilter.Register(phHandle, record);
     partlyBuilt.Keep();
     return true;
 }
@@ -63,23 +58,23 @@ bool CAVFilter_Video::AVFilter_Video_MIXSend(unsigned long long hHandle, int nIn
         return Fail(AVFILTER_ERROR_VIDEO_INVALID_PARAM);
     }
     const std::shared_lock lock(m_Mutex);
-    AVCODEC_VIDEOMIXFILTER* pRecord = frame::Find(m_mapVideoMixFilter, hHandle);
+    AVCODEC_VIDEOMIXFILTER* pRecord = m_mapVideoMixFilter.Find(hHandle);
     AVCODEC_VIDEOFILTE* pInput =
         pRecord == nullptr
             ? nullptr
-            : frame::FindInput(pRecord->vec_Filters, &AVCODEC_VIDEOFILTE::st_VideoInfo, nInputId);
+            : common::FindInput(pRecord->vec_Filters, &AVCODEC_VIDEOFILTE::st_VideoInfo, nInputId);
     if (pInput == nullptr) {
         return Fail(AVFILTER_ERROR_VIDEO_NOT_FOUND);
     }
 
-    const frame::UniqueFrame frame(av_frame_alloc());
+    const common::UniqueFrame frame(av_frame_alloc());
     if (!frame) {
         return Fail(AVFILTER_ERROR_VIDEO_ALLOC);
     }
     frame->width = pInput->st_VideoInfo.nWidth;
     frame->height = pInput->st_VideoInfo.nHeight;
     frame->format = pInput->st_VideoInfo.nPixelFormat;
-    // Not tested: FFmpeg empties a frame that it has no memory for, and the source refuses that.
+    // Not tested: FFmpeg empties a frame that it has no memory for, and both CopyPlanes and IsSendable refuse that.
     av_frame_get_buffer(frame.get(), 1);
 
     const video::InputPicture st_Picture{{pY, pU, pV}, {nYSize, nUSize, nVSize}};
@@ -90,7 +85,7 @@ bool CAVFilter_Video::AVFilter_Video_MIXSend(unsigned long long hHandle, int nIn
         const video::Block block =
             pSt_Buffer == nullptr ? video::Block{} : video::Block{pSt_Buffer->data, pSt_Buffer->size};
         const ErrorCode code = video::CopyPlanes(*frame, st_Picture, block);
-        if (code != frame::kNoError) {
+        if (code != api::kNoError) {
             return Fail(code);
         }
     }
@@ -107,11 +102,11 @@ bool CAVFilter_Video::AVFilter_Video_MIXRecv(unsigned long long hHandle, unsigne
 {
     ClearError();
     const std::shared_lock lock(m_Mutex);
-    AVCODEC_VIDEOMIXFILTER* pRecord = frame::Find(m_mapVideoMixFilter, hHandle);
+    AVCODEC_VIDEOMIXFILTER* pRecord = m_mapVideoMixFilter.Find(hHandle);
     if (pRecord == nullptr) {
         return Fail(AVFILTER_ERROR_VIDEO_NOT_FOUND);
     }
-    frame::UniqueFrame frame(std::exchange(pRecord->pSt_Pending, nullptr));
+    common::UniqueFrame frame(std::exchange(pRecord->pSt_Pending, nullptr));
     if (!frame) {
         frame.reset(av_frame_alloc());
         if (!frame) {
@@ -135,11 +130,5 @@ bool CAVFilter_Video::AVFilter_Video_MIXRecv(unsigned long long hHandle, unsigne
 
 bool CAVFilter_Video::AVFilter_Video_MIXDestroy(unsigned long long hHandle)
 {
-    ClearError();
-    const frame::ExclusiveLock lock(m_WriterGate, m_Mutex);
-    if (AVCODEC_VIDEOMIXFILTER* pRecord = frame::Find(m_mapVideoMixFilter, hHandle)) {
-        Release(*pRecord);
-        m_mapVideoMixFilter.erase(hHandle);
-    }
-    return true;
+    return m_mapVideoMixFilter.Destroy(hHandle);
 }

@@ -1,7 +1,7 @@
 // The exported functions: each forwards to the method of its name.
 
+#include "api/error.h"
 #include "audio/audio.h"
-#include "frame/error.h"
 #include "scale/video_scale.h"
 #include "video/video.h"
 

@@ -9,7 +9,7 @@
 
 #include <atomic>
 
-namespace frame
+namespace api
 {
 
 using ErrorCode = unsigned long long;
@@ -25,8 +25,8 @@ inline void ClearError()
     }
 }
 
-// Stores a failure's code without raising the flag: deliberate at four sites of the audio family,
-// whose callers tell these failures by the returned value alone.
+// Stores a failure's code without raising the flag, as four sites of the audio family do: callers there
+// tell these failures by the returned value alone.
 inline bool FailWithoutFlag(ErrorCode code)
 {
     std::atomic_ref(AVFilter_dwErrorCode).store(code, std::memory_order_relaxed);
@@ -41,4 +41,4 @@ inline bool Fail(ErrorCode code)
     return false;
 }
 
-} // namespace frame
+} // namespace api
