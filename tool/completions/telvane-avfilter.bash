@@ -8,14 +8,9 @@ _telvane_avfilter() {
         return
     fi
     case $previous in
-    --at-end)
-        [[ $command == mix-audio ]] && options="silence stop" || options="hold black stop"
-        ;;
-    --to) options="wav flac mp4 mkv y4m png raw" ;;
-    --matrix) options="bt601 bt709 bt2020" ;;
-    --range) options="tv pc" ;;
+    --to) options="wav flac mp3 ogg m4a mp4 mov mkv webm y4m png jpg raw" ;;
     --pixel-format) options="yuv420p yuv422p yuv444p rgb24 bgr24 rgba bgra gray nv12" ;;
-    --length | --rate | --at | --from | --audio | --video) return ;;
+    --length | --rate | --at | --from | --stream | --audio | --video) return ;;
     --pass)
         options="none in"
         ;;
@@ -25,12 +20,11 @@ _telvane_avfilter() {
         ;;
     *)
         if [[ $word == -* ]]; then
-            options="--help --json --verbose --from"
+            options="--help --json --verbose --from --stream"
             [[ $command == probe ]] && options+=" --audio --video"
-            [[ $command != probe ]] && options+=" --to --length --pass --explain --quiet"
-            [[ $command == mix-* ]] && options+=" --in --at-end"
+            [[ $command != probe ]] && options+=" --to --length --pass --force --explain --quiet"
+            [[ $command == mix-* ]] && options+=" --in"
             [[ $command == *video || $command == scale ]] && options+=" --rate --at"
-            [[ $command == *video ]] && options+=" --matrix --range"
             [[ $command == scale ]] && options+=" --pixel-format"
         else
             mapfile -t COMPREPLY < <(compgen -f -- "$word")

@@ -1,0 +1,164 @@
+// FFmpeg's headers, owners for what they allocate, and the one place for differences between its versions.
+#pragma once
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavfilter/avfilter.h>
+#include <libavfilter/buffersink.h>
+#include <libavfilter/buffersrc.h>
+#include <libavformat/avformat.h>
+#include <libavutil/avutil.h>
+#include <libavutil/display.h>
+#include <libavutil/imgutils.h>
+#include <libavutil/opt.h>
+#include <libavutil/pixdesc.h>
+#include <libswresample/swresample.h>
+#include <libswscale/swscale.h>
+}
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <vector>
+
+namespace tool
+{
+
+template <auto Free>
+struct Freer {
+    template <class T>
+    void operator()(T* p) const
+    {
+        Free(&p);
+    }
+};
+struct SwsFreer {
+    void operator()(SwsContext* p) const { sws_freeContext(p); }
+};
+using FormatPtr = std::unique_ptr<AVFormatContext, Freer<avformat_close_input>>;
+using CodecPtr = std::unique_ptr<AVCodecContext, Freer<avcodec_free_context>>;
+using PacketPtr = std::unique_ptr<AVPacket, Freer<av_packet_free>>;
+using FramePtr = std::unique_ptr<AVFrame, Freer<av_frame_free>>;
+using GraphPtr = std::unique_ptr<AVFilterGraph, Freer<avfilter_graph_free>>;
+using PoolPtr = std::unique_ptr<AVBufferPool, Freer<av_buffer_pool_uninit>>;
+using SwrPtr = std::unique_ptr<SwrContext, Freer<swr_free>>;
+using SwsPtr = std::unique_ptr<SwsContext, SwsFreer>;
+
+template <class Ptr>
+Ptr Made(typename Ptr::pointer p)
+{
+    return p != nullptr ? Ptr(p) : throw std::bad_alloc();
+}
+inline FramePtr NewFrame()
+{
+    return Made<FramePtr>(av_frame_alloc());
+}
+
+// How long a picture is shown, in the units of its pts; 0: not known. 6.0 renamed it.
+inline int64_t ShownFor(const AVFrame& frame)
+{
+#if LIBAVUTIL_VERSION_MAJOR >= 58
+    return frame.duration;
+#else
+    return frame.pkt_duration;
+#endif
+}
+
+// 6.1 made flags of them.
+inline bool IsInterlaced(const AVFrame& frame)
+{
+#if LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(58, 7, 100)
+    return (frame.flags & AV_FRAME_FLAG_INTERLACED) != 0;
+#else
+    return frame.interlaced_frame != 0;
+#endif
+}
+inline bool IsTopFirst(const AVFrame& frame)
+{
+#if LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(58, 7, 100)
+    return (frame.flags & AV_FRAME_FLAG_TOP_FIELD_FIRST) != 0;
+#else
+    return frame.top_field_first != 0;
+#endif
+}
+
+// What a stream carries besides its packets moved to the codec's parameters in 6.1, which are copied whole.
+inline const int32_t* DisplayMatrix(const AVStream& stream)
+{
+#if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(60, 30, 100)
+    const AVPacketSideData* pData = av_packet_side_data_get(
+        stream.codecpar->coded_side_data, stream.codecpar->nb_coded_side_data, AV_PKT_DATA_DISPLAYMATRIX);
+    return pData != nullptr ? reinterpret_cast<const int32_t*>(pData->data) : nullptr;
+#else
+    return reinterpret_cast<const int32_t*>(
+        av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr));
+#endif
+}
+inline void CopySideData([[maybe_unused]] const AVStream& from, [[maybe_unused]] AVStream& to)
+{
+#if LIBAVCODEC_VERSION_INT < AV_VERSION_INT(60, 30, 100)
+    for (int i = 0; i < from.nb_side_data; ++i) {
+        const AVPacketSideData& data = from.side_data[i];
+        if (uint8_t* p = av_stream_new_side_data(&to, data.type, data.size)) {
+            std::memcpy(p, data.data, data.size);
+        }
+    }
+#endif
+}
+
+// What an encoder takes; nothing: anything. 7.1 put a function in place of the lists.
+#if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(61, 13, 100)
+template <class T, AVCodecConfig Config>
+std::vector<T> Supported(const AVCodec& codec)
+{
+    const void* p = nullptr;
+    int n = 0;
+    avcodec_get_supported_config(nullptr, &codec, Config, 0, &p, &n);
+    return {static_cast<const T*>(p), static_cast<const T*>(p) + (p != nullptr ? n : 0)};
+}
+inline auto PixelFormats(const AVCodec& codec)
+{
+    return Supported<AVPixelFormat, AV_CODEC_CONFIG_PIX_FORMAT>(codec);
+}
+inline auto SampleFormats(const AVCodec& codec)
+{
+    return Supported<AVSampleFormat, AV_CODEC_CONFIG_SAMPLE_FORMAT>(codec);
+}
+inline auto SampleRates(const AVCodec& codec)
+{
+    return Supported<int, AV_CODEC_CONFIG_SAMPLE_RATE>(codec);
+}
+inline auto Layouts(const AVCodec& codec)
+{
+    return Supported<AVChannelLayout, AV_CODEC_CONFIG_CHANNEL_LAYOUT>(codec);
+}
+#else
+template <class T, class IsEnd>
+std::vector<T> Listed(const T* p, const IsEnd& isEnd)
+{
+    std::vector<T> list;
+    for (; p != nullptr && !isEnd(*p); ++p) {
+        list.push_back(*p);
+    }
+    return list;
+}
+inline auto PixelFormats(const AVCodec& codec)
+{
+    return Listed(codec.pix_fmts, [](AVPixelFormat f) { return f == AV_PIX_FMT_NONE; });
+}
+inline auto SampleFormats(const AVCodec& codec)
+{
+    return Listed(codec.sample_fmts, [](AVSampleFormat f) { return f == AV_SAMPLE_FMT_NONE; });
+}
+inline auto SampleRates(const AVCodec& codec)
+{
+    return Listed(codec.supported_samplerates, [](int n) { return n == 0; });
+}
+inline auto Layouts(const AVCodec& codec)
+{
+    return Listed(codec.ch_layouts, [](const AVChannelLayout& l) { return l.nb_channels == 0; });
+}
+#endif
+
+} // namespace tool

@@ -1,0 +1,46 @@
+// What a description makes of its inputs, by a graph that FFmpeg configures beside the library's: it tells
+// formats, sizes and rates before anything runs. The results always come from the library.
+#pragma once
+
+#include "input.h"
+
+#include <string>
+#include <vector>
+
+namespace tool
+{
+
+// An end of a graph: the label in the text, FFmpeg's filter, and its arguments.
+struct End {
+    std::string label;
+    std::string filter;
+    std::string arguments;
+};
+
+// Sources, the text, and a sink behind its label "out"; configured. The filters of sources and sink, in
+// this order, go to pEnds.
+GraphPtr BuildGraph(const std::vector<End>& sources, const std::string& sink, const std::string& text,
+                    std::vector<AVFilterContext*>& ends);
+
+// What comes out.
+struct Outcome {
+    Form form; // a block's size is not known
+    AVRational rate{0, 1};
+    AVRational timeBase{1, 1};
+    AVRational aspect{0, 1};
+    telvane::Colour colour;
+    bool bInterlaced = false;
+    bool bTopFirst = false;
+    bool bUneven = false; // the inputs' pictures do not follow each other evenly
+    int nDepth = 0;       // bits of a sample, as far as they mean something
+    std::string dump;
+};
+
+// The inputs' first pictures are sent through, for what only pictures tell.
+Outcome Preview(const std::vector<std::unique_ptr<Input>>& inputs, const std::vector<std::string>& labels,
+                const std::string& text);
+
+// The text with more filters behind its output.
+std::string Append(const std::string& text, const std::string& filters);
+
+} // namespace tool

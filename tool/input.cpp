@@ -1,0 +1,673 @@
+#include "input.h"
+
+#include "graph.h"
+
+extern "C" {
+#include <libavutil/dict.h>
+#include <libavutil/intreadwrite.h>
+#include <libavutil/mathematics.h>
+}
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <filesystem>
+#include <sys/stat.h>
+
+namespace tool
+{
+
+namespace
+{
+
+int Interrupted(void*)
+{
+    return IsInterrupted() ? 1 : 0;
+}
+
+// In AV_TIME_BASE.
+constexpr AVRational kMicroseconds{1, AV_TIME_BASE};
+constexpr int64_t kPriming = AV_TIME_BASE / 10;
+constexpr int64_t kJumpBack = AV_TIME_BASE / 10;
+constexpr int64_t kJump = 10 * static_cast<int64_t>(AV_TIME_BASE);
+constexpr int64_t kCut = AV_TIME_BASE / 2;
+
+// Coarse time bases wobble by less.
+constexpr double kGap = 0.01; // seconds
+
+// The full-range formats of JPEG files are the plain ones with another range.
+AVPixelFormat Plain(AVPixelFormat format)
+{
+    switch (format) {
+    case AV_PIX_FMT_YUVJ420P:
+        return AV_PIX_FMT_YUV420P;
+    case AV_PIX_FMT_YUVJ422P:
+        return AV_PIX_FMT_YUV422P;
+    case AV_PIX_FMT_YUVJ444P:
+        return AV_PIX_FMT_YUV444P;
+    default:
+        return format;
+    }
+}
+
+bool IsFull(const AVFrame& frame)
+{
+    const auto format = static_cast<AVPixelFormat>(frame.format);
+    const AVPixFmtDescriptor* pDescriptor = av_pix_fmt_desc_get(format);
+    return frame.color_range == AVCOL_RANGE_JPEG || Plain(format) != format ||
+           (pDescriptor->flags & (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL)) != 0;
+}
+
+// The library's format that loses least.
+AVPixelFormat Nearest(AVPixelFormat format)
+{
+    if (telvane::FindFormat(format) != nullptr) {
+        return format;
+    }
+    if (format == AV_PIX_FMT_PAL8) { // may have transparent entries
+        return AV_PIX_FMT_RGBA;
+    }
+    std::vector<AVPixelFormat> formats;
+    for (const telvane::PixelFormat& known : telvane::kPixelFormats) {
+        formats.push_back(known.format);
+    }
+    formats.push_back(AV_PIX_FMT_NONE);
+    return avcodec_find_best_pix_fmt_of_list(formats.data(), format, 1, nullptr);
+}
+
+// Notes which files are opened on the way.
+struct Opening {
+    static int Open(AVFormatContext* pFormat, AVIOContext** ppIo, const char* szUrl, int nFlags,
+                    AVDictionary** ppOptions)
+    {
+        constexpr std::string_view kFile = "file:";
+        const std::string url = szUrl;
+        if (const auto id = IdOf(url.starts_with(kFile) ? url.substr(kFile.size()) : url)) {
+            static_cast<std::set<FileId>*>(pFormat->opaque)->insert(*id);
+        }
+        return pDefault(pFormat, ppIo, szUrl, nFlags, ppOptions);
+    }
+    static inline decltype(AVFormatContext::io_open) pDefault = nullptr;
+};
+
+// The samples in a packet, without decoding it.
+int64_t SamplesOf(AVPacket& packet, const AVStream& stream)
+{
+    AVCodecParameters& parameters = *stream.codecpar;
+    const AVRational rate{1, parameters.sample_rate};
+    const bool bExact = packet.duration > 0 && stream.time_base.den % parameters.sample_rate == 0;
+    int64_t n = bExact ? 0 : av_get_audio_frame_duration2(&parameters, packet.size);
+    if (n == 0) {
+        n = av_rescale_q(packet.duration, stream.time_base, rate);
+    }
+    std::size_t nSize = 0;
+    if (const uint8_t* p = av_packet_get_side_data(&packet, AV_PKT_DATA_SKIP_SAMPLES, &nSize);
+        p != nullptr && nSize >= 8) {
+        n -= AV_RL32(p) + AV_RL32(p + 4);
+    }
+    return n;
+}
+
+} // namespace
+
+std::optional<FileId> IdOf(const std::string& path)
+{
+    struct stat status {
+    };
+    if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return std::nullopt;
+    }
+    return FileId{status.st_dev, status.st_ino};
+}
+
+// ---- Files --------------------------------------------------------------------------------------
+
+Demuxer::Demuxer(const Source& source) : m_Source(source)
+{
+    const std::string& path = source.path;
+    const std::size_t nColon = source.format.find(':');
+    const std::string format = source.format.substr(0, nColon);
+    const AVInputFormat* pFormat = nullptr;
+    if (!format.empty()) {
+        pFormat = av_find_input_format(format.c_str());
+        if (pFormat == nullptr) {
+            throw Failure(kUsage, fmt::format("FFmpeg knows no input format \"{}\"", format));
+        }
+    }
+    AVDictionary* pOptions = nullptr;
+    if (nColon != std::string::npos &&
+        av_dict_parse_string(&pOptions, source.format.c_str() + nColon + 1, "=", ":", 0) < 0) {
+        av_dict_free(&pOptions);
+        throw Failure(kUsage, fmt::format("--from {}: write FORMAT:OPTION=VALUE:...", source.format));
+    }
+    // A colon in the name of a file that exists is no protocol.
+    std::error_code ignored;
+    const std::string url = path == "-"                              ? "pipe:0"
+                            : std::filesystem::exists(path, ignored) ? "file:" + path
+                                                                     : path;
+    AVFormatContext* pContext = avformat_alloc_context();
+    if (pContext == nullptr) {
+        throw std::bad_alloc();
+    }
+    pContext->interrupt_callback.callback = Interrupted;
+    pContext->opaque = &m_Files;
+    Opening::pDefault = pContext->io_open;
+    pContext->io_open = Opening::Open;
+    const int nOpened = avformat_open_input(&pContext, url.c_str(), pFormat, &pOptions);
+    const AVDictionaryEntry* pUnused =
+        nOpened >= 0 ? av_dict_get(pOptions, "", nullptr, AV_DICT_IGNORE_SUFFIX) : nullptr;
+    const std::string unused = pUnused != nullptr ? pUnused->key : "";
+    av_dict_free(&pOptions);
+    Check(nOpened, kInput, path);
+    m_Format.reset(pContext);
+    if (!unused.empty()) {
+        throw Failure(kUsage, fmt::format("--from {}: {} has no option \"{}\"", source.format,
+                                          pContext->iformat->name, unused));
+    }
+    Check(avformat_find_stream_info(pContext, nullptr), kInput, path);
+    // The clock starts with the file; what a codec needs before 0 is decoded and dropped.
+    if (pContext->start_time != AV_NOPTS_VALUE &&
+        (pContext->start_time > 0 || pContext->start_time < -kPriming)) {
+        m_nStart = pContext->start_time;
+    }
+    m_Clocks.resize(m_Format->nb_streams);
+}
+
+AVStream* Demuxer::Choose(AVMediaType kind, bool bRefuse) const
+{
+    if (m_Source.stream.empty()) {
+        const int nStream = av_find_best_stream(m_Format.get(), kind, -1, -1, nullptr, 0);
+        return nStream < 0 ? nullptr : m_Format->streams[nStream];
+    }
+    for (unsigned i = 0; i < m_Format->nb_streams; ++i) {
+        AVStream* pStream = m_Format->streams[i];
+        const int nMatches =
+            avformat_match_stream_specifier(m_Format.get(), pStream, m_Source.stream.c_str());
+        if (nMatches < 0) {
+            throw Failure(kUsage, fmt::format("--stream {}: write a number, or a:1, v:0, m:language:deu",
+                                              m_Source.stream));
+        }
+        if (nMatches > 0 && pStream->codecpar->codec_type == kind) {
+            return pStream;
+        }
+    }
+    if (!bRefuse) {
+        return nullptr;
+    }
+    throw Failure(kUsage, fmt::format("--stream {}: {} has no such {} stream", m_Source.stream,
+                                      m_Source.path, av_get_media_type_string(kind)));
+}
+
+bool Demuxer::IsRepeatable() const
+{
+    const bool bSeries = std::string_view(m_Format->iformat->name) == "image2";
+    return (bSeries || IdOf(m_Source.path)) && m_Source.format.find("loop") == std::string::npos;
+}
+
+double Demuxer::Seconds() const
+{
+    return m_Format->duration > 0 ? static_cast<double>(m_Format->duration) / AV_TIME_BASE : 0;
+}
+
+bool Demuxer::IsCut() const
+{
+    const bool bTold =
+        m_Format->duration > 0 && m_Format->duration_estimation_method == AVFMT_DURATION_FROM_STREAM;
+    return m_bBroken || (m_bEnded && bTold && m_nEnd < m_Format->duration - kCut);
+}
+
+bool Demuxer::Read(AVPacket& packet)
+{
+    av_packet_unref(&packet);
+    const int nRead = av_read_frame(m_Format.get(), &packet);
+    if (nRead < 0) {
+        m_bEnded = !IsInterrupted();
+        // Some demuxers report the end of a pipe as a failure.
+        const bool bAtEnd = nRead == AVERROR_EOF || (nRead == AVERROR(EIO) && avio_feof(m_Format->pb) != 0);
+        m_bBroken = m_bEnded && !bAtEnd;
+        return false;
+    }
+    SetClock(packet);
+    const AVRational base = m_Format->streams[packet.stream_index]->time_base;
+    const int64_t nTime = packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
+    if (nTime != AV_NOPTS_VALUE) {
+        m_nEnd = std::max(m_nEnd, av_rescale_q(nTime + packet.duration, base, kMicroseconds));
+    }
+    return true;
+}
+
+void Demuxer::SetClock(AVPacket& packet)
+{
+    const AVRational base = m_Format->streams[packet.stream_index]->time_base;
+    const AVCodecParameters& parameters = *m_Format->streams[packet.stream_index]->codecpar;
+    if (m_Clocks.size() < m_Format->nb_streams) {
+        m_Clocks.resize(m_Format->nb_streams);
+    }
+    // Where recordings were joined or cut, the clock jumps, and the file's goes on from where it was.
+    if ((m_Format->iformat->flags & AVFMT_TS_DISCONT) != 0 && packet.dts != AV_NOPTS_VALUE) {
+        Clock& clock = m_Clocks[static_cast<std::size_t>(packet.stream_index)];
+        const int64_t nTime = av_rescale_q(packet.dts, base, kMicroseconds);
+        const int64_t nLength = av_rescale_q(packet.duration, base, kMicroseconds);
+        const int64_t nJump = clock.nLast != AV_NOPTS_VALUE ? nTime - m_nStart - clock.nExpected : 0;
+        if (std::abs(nJump) > kJump ||
+            (clock.nLast != AV_NOPTS_VALUE && nTime - m_nStart < clock.nLast - kJumpBack)) {
+            m_nStart += nJump;
+        }
+        clock.nLast = nTime - m_nStart;
+        clock.nExpected = clock.nLast + nLength;
+    }
+    int64_t nStart = av_rescale_q(m_nStart, kMicroseconds, base);
+    if (parameters.codec_type == AVMEDIA_TYPE_VIDEO && std::string_view(m_Format->iformat->name) == "avi") {
+        // Its packets are counted in coded order: without this, the pictures are late by the reordering.
+        nStart += parameters.video_delay;
+    }
+    for (int64_t* pTime : {&packet.pts, &packet.dts}) {
+        *pTime -= *pTime != AV_NOPTS_VALUE ? nStart : 0;
+    }
+}
+
+// ---- Streams ------------------------------------------------------------------------------------
+
+Input::Input(const Source& source, AVMediaType kind)
+    : m_Source(source), m_Demuxer(source), m_pStream(m_Demuxer.Choose(kind)),
+      m_Packet(Made<PacketPtr>(av_packet_alloc())), m_Files(m_Demuxer.Files()),
+      m_Frames(kind == AVMEDIA_TYPE_AUDIO ? kMostBlocks : kMostPictures)
+{
+    const std::string& path = source.path;
+    if (m_pStream == nullptr) {
+        throw Failure(
+            kInput, fmt::format("{} holds no {}", path, kind == AVMEDIA_TYPE_VIDEO ? "pictures" : "sound"));
+    }
+    const AVCodecID id = m_pStream->codecpar->codec_id;
+    const AVCodec* pCodec = avcodec_find_decoder(id);
+    if (pCodec == nullptr) {
+        throw Failure(kInput, fmt::format("{}: no decoder for {}", path, avcodec_get_name(id)));
+    }
+    m_Codec = Made<CodecPtr>(avcodec_alloc_context3(pCodec));
+    Check(avcodec_parameters_to_context(m_Codec.get(), m_pStream->codecpar), kInput, path);
+    m_Codec->pkt_timebase = m_pStream->time_base;
+    m_Codec->thread_count = 0;
+    Check(avcodec_open2(m_Codec.get(), pCodec, nullptr), kInput, path);
+    AVFormatContext& format = m_Demuxer.Format();
+    for (unsigned i = 0; i < format.nb_streams; ++i) {
+        const AVCodecParameters& parameters = *format.streams[i]->codecpar;
+        if (parameters.codec_type == AVMEDIA_TYPE_VIDEO && parameters.codec_id != AV_CODEC_ID_H264 &&
+            parameters.codec_id != AV_CODEC_ID_HEVC && kind == AVMEDIA_TYPE_AUDIO) {
+            format.flags |= AVFMT_FLAG_GENPTS; // which gets the order of these two wrong
+        }
+    }
+    m_First = Decode();
+    if (!m_First) {
+        throw Failure(kInput, fmt::format("{} holds no {} that can be decoded", path,
+                                          kind == AVMEDIA_TYPE_VIDEO ? "picture" : "sound"));
+    }
+    m_Form.kind = kind;
+    if (kind == AVMEDIA_TYPE_VIDEO) {
+        m_Form.picture = {AV_PIX_FMT_NONE, m_First->width, m_First->height};
+        SetFormat(Nearest(static_cast<AVPixelFormat>(m_First->format)));
+        const AVRational rate = av_guess_frame_rate(&format, m_pStream, nullptr);
+        if (rate.num > 0 && rate.den > 0 && av_q2d(rate) >= 0.01 && av_q2d(rate) <= 1000) {
+            m_Rate = rate;
+        }
+        return;
+    }
+    m_Form.layout = Native(m_First->ch_layout);
+    m_Form.audio = {av_get_packed_sample_fmt(static_cast<AVSampleFormat>(m_First->format)),
+                    m_First->sample_rate, m_Form.layout.nb_channels,
+                    m_pStream->codecpar->frame_size > 0 ? m_pStream->codecpar->frame_size
+                                                        : std::max(1, m_First->nb_samples)};
+}
+
+Input::~Input()
+{
+    Stop(-1);
+    Join();
+}
+
+std::string TurnOf(const AVStream& stream)
+{
+    const int32_t* pMatrix = DisplayMatrix(stream);
+    if (pMatrix == nullptr) {
+        return {};
+    }
+    const double dTurned = -std::round(av_display_rotation_get(pMatrix));
+    const double d = dTurned - 360 * std::floor(dTurned / 360 + 0.9 / 360);
+    if (std::abs(d - 90) < 1) {
+        return pMatrix[3] > 0 ? "transpose=cclock_flip" : "transpose=clock";
+    }
+    if (std::abs(d - 180) < 1) {
+        return pMatrix[0] < 0 ? (pMatrix[4] < 0 ? "hflip,vflip" : "hflip") : "vflip";
+    }
+    if (std::abs(d - 270) < 1) {
+        return pMatrix[3] < 0 ? "transpose=clock_flip" : "transpose=cclock";
+    }
+    return std::abs(d) > 1 ? fmt::format("rotate={:.0f}*PI/180", d) : pMatrix[4] < 0 ? "vflip" : "";
+}
+
+bool Input::ReadPacket()
+{
+    if (!m_Demuxer.Read(*m_Packet)) {
+        return false;
+    }
+    const auto nStream = static_cast<std::size_t>(m_Packet->stream_index);
+    if (m_Packet->stream_index != m_pStream->index) {
+        PacketPtr clone = m_Pass && (nStream >= m_Passed.size() || !m_Passed[nStream])
+                              ? nullptr
+                              : Made<PacketPtr>(av_packet_clone(m_Packet.get()));
+        if (!m_Pass) {
+            m_Early.push_back(std::move(clone));
+        } else if (clone) {
+            m_Pass(std::move(clone));
+        }
+    }
+    return true;
+}
+
+FramePtr Input::Decode()
+{
+    FramePtr frame = NewFrame();
+    while (true) {
+        const int nReceived = avcodec_receive_frame(m_Codec.get(), frame.get());
+        if (nReceived >= 0) {
+            frame->pts =
+                frame->best_effort_timestamp != AV_NOPTS_VALUE ? frame->best_effort_timestamp : m_nNext;
+            m_nNext = frame->pts +
+                      (frame->nb_samples > 0
+                           ? av_rescale_q(frame->nb_samples, {1, frame->sample_rate}, m_pStream->time_base)
+                       : ShownFor(*frame) > 0
+                           ? ShownFor(*frame)
+                           : std::max<int64_t>(1, av_rescale_q(1, av_inv_q(m_Rate), m_pStream->time_base)));
+            if (m_pStream->sample_aspect_ratio.num > 0) {
+                frame->sample_aspect_ratio = m_pStream->sample_aspect_ratio;
+            }
+            const bool bDamaged =
+                frame->decode_error_flags != 0 || (frame->flags & AV_FRAME_FLAG_CORRUPT) != 0;
+            m_nDamaged += bDamaged ? 1 : 0;
+            return frame;
+        }
+        if (nReceived == AVERROR_EOF || IsInterrupted()) {
+            return nullptr;
+        }
+        if (nReceived != AVERROR(EAGAIN)) {
+            ++m_nDamaged;
+            continue;
+        }
+        if (!ReadPacket()) {
+            if (!m_bFlushed) {
+                m_bFlushed = true;
+                avcodec_send_packet(m_Codec.get(), nullptr);
+            }
+        } else if (m_Packet->stream_index == m_pStream->index) {
+            // A damaged packet costs its own frames, not the whole file.
+            m_nDamaged += avcodec_send_packet(m_Codec.get(), m_Packet.get()) < 0 ? 1 : 0;
+        }
+    }
+}
+
+Length Input::Measure(bool bDecode)
+{
+    const Muted muted;
+    Length length;
+    if (bDecode) {
+        Input again(m_Source, m_Form.kind);
+        again.Start({}, [](const PacketPtr&) {});
+        while (const FramePtr frame = again.Next()) {
+            length.times.push_back(frame->pts);
+            length.nSamples += frame->nb_samples;
+        }
+        return length;
+    }
+    Demuxer demuxer(m_Source);
+    const AVStream& stream = *demuxer.Format().streams[m_pStream->index];
+    while (demuxer.Read(*m_Packet)) {
+        AVPacket& packet = *m_Packet;
+        if (packet.stream_index != stream.index || (packet.flags & AV_PKT_FLAG_DISCARD) != 0) {
+            continue;
+        }
+        if (m_Form.kind == AVMEDIA_TYPE_VIDEO) {
+            length.times.push_back(packet.pts);
+            continue;
+        }
+        const int nRate = stream.codecpar->sample_rate;
+        const int64_t nAt = av_rescale_q(packet.pts, stream.time_base, AVRational{1, nRate});
+        const int64_t nSamples = SamplesOf(packet, stream);
+        if (packet.pts != AV_NOPTS_VALUE &&
+            std::abs(static_cast<double>(nAt - length.nSamples)) > kGap * nRate) {
+            length.nSamples = std::max(nAt, nAt < 0 ? -nSamples : 0);
+        }
+        length.nSamples += nSamples;
+    }
+    m_Files = demuxer.Files();
+    std::sort(length.times.begin(), length.times.end());
+    return length;
+}
+
+void Input::Start(std::vector<bool> passed, Pass pass)
+{
+    m_Passed = std::move(passed);
+    m_Passed.resize(m_Demuxer.Format().nb_streams);
+    m_Pass = std::move(pass);
+    AVFormatContext& format = m_Demuxer.Format();
+    for (unsigned i = 0; i < format.nb_streams; ++i) {
+        AVStream& stream = *format.streams[i];
+        stream.discard = m_Passed[i] || &stream == m_pStream ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
+    }
+    m_bRunning = true;
+    m_Thread = std::thread([this] {
+        try {
+            Run();
+        } catch (...) {
+            m_Error = std::current_exception();
+        }
+        m_Frames.End();
+        m_bRunning = false;
+    });
+}
+
+void Input::Run()
+{
+    for (PacketPtr& packet : m_Early) {
+        if (m_Passed[static_cast<std::size_t>(packet->stream_index)]) {
+            m_Pass(std::move(packet));
+        }
+    }
+    m_Early.clear();
+    FramePtr frame = std::move(m_First);
+    while (frame && !m_bStopped) {
+        Prepare(std::move(frame));
+        frame = Decode();
+    }
+    Prepare(nullptr);
+    m_Frames.End();
+    // What is passed on may be stored seconds behind what it belongs to.
+    constexpr double kBehind = 5;
+    while (std::find(m_Passed.begin(), m_Passed.end(), true) != m_Passed.end() && !IsInterrupted() &&
+           ReadPacket()) {
+        const AVRational base = m_Demuxer.Format().streams[m_Packet->stream_index]->time_base;
+        if (m_Packet->dts != AV_NOPTS_VALUE &&
+            static_cast<double>(m_Packet->dts) * av_q2d(base) > m_dUntil + kBehind) {
+            break;
+        }
+    }
+}
+
+FramePtr Input::Next()
+{
+    std::optional<FramePtr> frame = m_Frames.Take();
+    if (!frame && m_Error) {
+        std::rethrow_exception(m_Error);
+    }
+    return frame ? std::move(*frame) : nullptr;
+}
+
+void Input::Stop(double dUntil)
+{
+    m_dUntil = dUntil;
+    m_bStopped = true;
+    m_Frames.Abandon();
+}
+
+void Input::Join()
+{
+    while (m_bRunning && IsInterrupted()) {
+        Wake(m_Thread.native_handle());
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    if (m_Thread.joinable()) {
+        m_Thread.join();
+    }
+}
+
+void Input::Prepare(FramePtr frame)
+{
+    if (m_Form.kind == AVMEDIA_TYPE_AUDIO) {
+        PrepareSound(std::move(frame));
+    } else if (frame) {
+        m_Frames.Put(Converted(std::move(frame)));
+    }
+}
+
+// ---- Pictures -----------------------------------------------------------------------------------
+
+void PictureConverter::Convert(const AVFrame& from, AVFrame& to)
+{
+    const AVPixelFormat fromFormat = Plain(static_cast<AVPixelFormat>(from.format));
+    const AVPixelFormat toFormat = Plain(static_cast<AVPixelFormat>(to.format));
+    const AVColorSpace space = from.colorspace != AVCOL_SPC_UNSPECIFIED ? from.colorspace : to.colorspace;
+    const std::array<int, 9> key{from.width, from.height,        fromFormat,
+                                 to.width,   to.height,          toFormat,
+                                 space,      IsFull(to) ? 1 : 0, IsFull(from) ? 1 : 0};
+    if (!m_Context || key != m_Key) {
+        m_Key = key;
+        m_Context.reset(sws_alloc_context());
+        // The ranges from the start: FFmpeg chooses by them how it converts.
+        const std::pair<const char*, int> options[] = {
+            {"srcw", from.width},
+            {"srch", from.height},
+            {"src_format", fromFormat},
+            {"src_range", key[8]},
+            {"dstw", to.width},
+            {"dsth", to.height},
+            {"dst_format", toFormat},
+            {"dst_range", key[7]},
+            {"sws_flags", SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT}};
+        bool bSet = m_Context != nullptr;
+        for (const auto& [szName, nValue] : options) {
+            bSet = bSet && av_opt_set_int(m_Context.get(), szName, nValue, 0) >= 0;
+        }
+        if (!bSet || sws_init_context(m_Context.get(), nullptr, nullptr) < 0) {
+            throw Failure(kOther,
+                          fmt::format("FFmpeg cannot convert {} to {}", av_get_pix_fmt_name(fromFormat),
+                                      av_get_pix_fmt_name(toFormat)));
+        }
+        const int* pMatrix = sws_getCoefficients(space == AVCOL_SPC_UNSPECIFIED || space == AVCOL_SPC_RGB
+                                                     ? SWS_CS_DEFAULT
+                                                     : static_cast<int>(space));
+        sws_setColorspaceDetails(m_Context.get(), pMatrix, key[8], pMatrix, key[7], 0, 1 << 16, 1 << 16);
+    }
+    Check(sws_scale(m_Context.get(), from.data, from.linesize, 0, from.height, to.data, to.linesize),
+          kOther, "converting a picture");
+}
+
+void Input::SetFormat(AVPixelFormat format)
+{
+    m_Form.picture.format = format;
+    m_First = Converted(std::move(m_First));
+}
+
+FramePtr Input::Converted(FramePtr frame)
+{
+    const telvane::Picture& form = m_Form.picture;
+    if (frame->format != form.format || frame->width != form.width || frame->height != form.height) {
+        FramePtr converted = NewFrame();
+        av_frame_copy_props(converted.get(), frame.get());
+        converted->format = form.format;
+        converted->width = form.width;
+        converted->height = form.height;
+        Check(av_frame_get_buffer(converted.get(), 0), kOther, "a picture");
+        m_Converter.Convert(*frame, *converted);
+        frame = std::move(converted);
+    }
+    return frame;
+}
+
+// ---- Sound --------------------------------------------------------------------------------------
+
+AVChannelLayout Native(const AVChannelLayout& layout)
+{
+    AVChannelLayout native{};
+    if (layout.order != AV_CHANNEL_ORDER_NATIVE) {
+        av_channel_layout_default(&native, layout.nb_channels);
+    } else if (av_channel_layout_from_mask(&native, layout.u.mask) < 0) {
+        throw std::bad_alloc();
+    }
+    return native;
+}
+
+std::string LayoutName(const AVChannelLayout& layout)
+{
+    if (layout.order == AV_CHANNEL_ORDER_UNSPEC) {
+        return fmt::format("{}c", layout.nb_channels);
+    }
+    std::array<char, 256> text{};
+    av_channel_layout_describe(&layout, text.data(), text.size());
+    return text.data();
+}
+
+void Input::OpenSound(const AVFrame& frame)
+{
+    const AVRational base = m_pStream->time_base;
+    const telvane::AudioStream& form = m_Form.audio;
+    std::vector<AVFilterContext*> ends;
+    m_Sound = BuildGraph(
+        {{"in", "abuffer",
+          fmt::format("time_base={}/{}:sample_rate={}:sample_fmt={}:channel_layout={}", base.num, base.den,
+                      frame.sample_rate, av_get_sample_fmt_name(static_cast<AVSampleFormat>(frame.format)),
+                      LayoutName(Native(frame.ch_layout)))}},
+        "abuffersink",
+        fmt::format("aresample={0}:async=1:min_hard_comp={1}:first_pts={2},"
+                    "aformat=sample_fmts={3}:sample_rates={0}:channel_layouts={4}",
+                    form.rate, kGap, m_nSamples, av_get_sample_fmt_name(form.format),
+                    LayoutName(m_Form.layout)),
+        ends);
+    m_pSoundIn = ends[0];
+    m_pSoundOut = ends[1];
+    av_buffersink_set_frame_size(m_pSoundOut, static_cast<unsigned>(form.samples));
+    m_SoundKey = {frame.format, frame.sample_rate, frame.ch_layout.nb_channels};
+}
+
+void Input::DrainSound()
+{
+    while (true) {
+        FramePtr block = NewFrame();
+        if (!m_Sound || av_buffersink_get_frame(m_pSoundOut, block.get()) < 0) {
+            return;
+        }
+        m_nSamples += block->nb_samples;
+        m_Frames.Put(std::move(block));
+    }
+}
+
+void Input::PrepareSound(FramePtr frame)
+{
+    const bool bChanged =
+        frame && m_SoundKey != std::array{frame->format, frame->sample_rate, frame->ch_layout.nb_channels};
+    if (m_Sound && (!frame || bChanged)) {
+        Check(av_buffersrc_add_frame(m_pSoundIn, nullptr), kInput, "converting samples");
+        DrainSound();
+    }
+    if (!frame) {
+        return;
+    }
+    if (bChanged) {
+        OpenSound(*frame);
+    }
+    AVChannelLayout layout = Native(frame->ch_layout);
+    av_channel_layout_copy(&frame->ch_layout, &layout);
+    Check(av_buffersrc_add_frame(m_pSoundIn, frame.get()), kInput, "converting samples");
+    DrainSound();
+}
+
+} // namespace tool

@@ -1,0 +1,176 @@
+// Files and pipes: what FFmpeg reads as pictures and samples on an honest clock.
+#pragma once
+
+#include "ffmpeg.h"
+#include "support.h"
+
+#include "Telvane_AVFilter.hpp"
+
+#include <array>
+#include <atomic>
+#include <functional>
+#include <limits>
+#include <set>
+#include <string>
+#include <sys/types.h>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace tool
+{
+
+using FileId = std::pair<dev_t, ino_t>;
+// Of the regular file that this name leads to.
+std::optional<FileId> IdOf(const std::string& path);
+
+struct Source {
+    std::string name;   // the label in the description
+    std::string path;   // "-" is standard input
+    std::string format; // FFmpeg's name, perhaps with options ("rawvideo:video_size=64x64"); or empty
+    std::string stream; // which one is decoded, as the ffmpeg command names them ("a:1"); empty: the best
+};
+
+// The packets of a file on a clock that starts with it and does not jump.
+class Demuxer
+{
+  public:
+    explicit Demuxer(const Source& source);
+
+    AVFormatContext& Format() const { return *m_Format; }
+    // The stream of this kind that the source asks for, or the best one; nothing if there is none.
+    AVStream* Choose(AVMediaType kind, bool bRefuse = true) const;
+    // Whether it can be read from its start again, and ends.
+    bool IsRepeatable() const;
+    // False at the end.
+    bool Read(AVPacket& packet);
+    double Seconds() const; // by the file's header; 0: not known
+    // Whether it broke off, or before the length that its header tells.
+    bool IsCut() const;
+    const std::set<FileId>& Files() const { return m_Files; }
+
+  private:
+    void SetClock(AVPacket& packet);
+    struct Clock { // of one stream, in AV_TIME_BASE
+        int64_t nLast = AV_NOPTS_VALUE;
+        int64_t nExpected = AV_NOPTS_VALUE;
+    };
+
+    Source m_Source;
+    std::set<FileId> m_Files; // all that were opened on the way
+    FormatPtr m_Format;
+    std::vector<Clock> m_Clocks;
+    int64_t m_nStart = 0; // the file's time where our clock is 0, in AV_TIME_BASE
+    int64_t m_nEnd = 0;   // the latest end of a packet
+    bool m_bEnded = false;
+    bool m_bBroken = false;
+};
+
+// Converts pictures between any two formats and sizes, with the right matrix and range.
+class PictureConverter
+{
+  public:
+    void Convert(const AVFrame& from, AVFrame& to);
+
+  private:
+    SwsPtr m_Context;
+    std::array<int, 9> m_Key{}; // what it was set up for
+};
+
+// What the library is given: the decoder's pictures, in the nearest format that it knows, or packed samples
+// in blocks. Changes on the way are converted away; sound has no gaps, but silence.
+struct Form {
+    AVMediaType kind = AVMEDIA_TYPE_VIDEO;
+    telvane::Picture picture;
+    telvane::AudioStream audio;
+    AVChannelLayout layout{}; // of native order: nothing to free
+};
+
+// The whole length of an input.
+struct Length {
+    std::vector<int64_t> times; // of its pictures, in the stream's time base
+    int64_t nSamples = 0;
+};
+
+// A demuxer, the decoder of one stream, and the thread on which they run.
+class Input
+{
+  public:
+    Input(const Source& source, AVMediaType kind);
+    Input(const Input&) = delete;
+    Input& operator=(const Input&) = delete;
+    ~Input();
+
+    const Source& Of() const { return m_Source; }
+    const Demuxer& File() const { return m_Demuxer; }
+    const AVStream& Stream() const { return *m_pStream; }
+    const AVFrame& First() const { return *m_First; }
+    const Form& Gives() const { return m_Form; }
+    // Pictures come in this one, converted if need be. Before Start.
+    void SetFormat(AVPixelFormat format);
+    AVRational Rate() const { return m_Rate; } // of pictures, as far as the file tells
+    // From its packets, or by decoding it all. Also leaves the names of all its files in Files().
+    Length Measure(bool bDecode);
+    const std::set<FileId>& Files() const { return m_Files; }
+
+    // Starts reading: packets of the streams that are marked go to pass, on the input's thread.
+    using Pass = std::function<void(PacketPtr)>;
+    void Start(std::vector<bool> passed, Pass pass);
+    // The next picture or block, its pts in the stream's time base; null at the end.
+    FramePtr Next();
+    // Nothing more is decoded; passed packets go on until this time.
+    void Stop(double dUntil);
+    // Waits until all has been passed on.
+    void Join();
+    // Damaged packets, or at least one where the file breaks off.
+    int Damaged() const { return m_nDamaged + (m_Demuxer.IsCut() ? 1 : 0); }
+
+  private:
+    bool ReadPacket();
+    FramePtr Decode();
+    void Run();
+    void Prepare(FramePtr frame);
+    FramePtr Converted(FramePtr frame);
+    void PrepareSound(FramePtr frame);
+    void OpenSound(const AVFrame& frame);
+    void DrainSound();
+
+    Source m_Source;
+    Demuxer m_Demuxer;
+    AVStream* m_pStream;
+    CodecPtr m_Codec;
+    PacketPtr m_Packet;
+    AVRational m_Rate{25, 1};
+    FramePtr m_First;
+    Form m_Form;
+    std::set<FileId> m_Files;
+    int64_t m_nNext = 0; // for frames without a time
+    std::atomic<int> m_nDamaged = 0;
+    bool m_bFlushed = false;
+
+    PictureConverter m_Converter;
+    GraphPtr m_Sound; // brings samples to the form
+    AVFilterContext* m_pSoundIn = nullptr;
+    AVFilterContext* m_pSoundOut = nullptr;
+    std::array<int, 3> m_SoundKey{};
+    int64_t m_nSamples = 0;
+
+    std::vector<PacketPtr> m_Early; // read before it was known what is passed on
+    std::vector<bool> m_Passed;
+    Pass m_Pass;
+    std::atomic<bool> m_bStopped = false;
+    std::atomic<double> m_dUntil = std::numeric_limits<double>::infinity();
+    Queue<FramePtr> m_Frames;
+    std::exception_ptr m_Error;
+    std::atomic<bool> m_bRunning = false;
+    std::thread m_Thread;
+};
+
+// The filters that turn the pictures upright, as the file says they are shown; or "".
+std::string TurnOf(const AVStream& stream);
+// The layout if its channels have places, else the usual one of as many channels. Owns nothing.
+AVChannelLayout Native(const AVChannelLayout& layout);
+// "stereo", "quad", "9 channels" as "9c".
+std::string LayoutName(const AVChannelLayout& layout);
+
+} // namespace tool

@@ -1,0 +1,149 @@
+// What every part of the tool uses: failures with their exit codes, FFmpeg's log, progress, signals, queues.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace tool
+{
+
+enum Exit : int {
+    kDone = 0,
+    kOther = 1,   // no memory, an unexpected failure
+    kUsage = 2,   // wrong arguments
+    kInput = 3,   // an input cannot be opened, read or decoded
+    kOutput = 4,  // the output cannot be written
+    kGraph = 5,   // the description was refused, or failed while running
+    kNothing = 6, // the description kept everything to itself
+    kDamaged = 7, // the output is finished, but an input was damaged or cut
+    kInterrupted =
+        130, // Ctrl-C, TERM, HUP: the output holds what was done until then, if there was anything
+};
+
+class Failure : public std::runtime_error
+{
+  public:
+    Failure(Exit exit, const std::string& what) : std::runtime_error(what), m_Exit(exit) {}
+    Exit ExitCode() const { return m_Exit; }
+
+  private:
+    Exit m_Exit;
+};
+
+// "what: FFmpeg's text for the number"; returns n if it is no error.
+int Check(int n, Exit exit, const std::string& what);
+
+// FFmpeg's messages are kept back; with bVerbose they also go to standard error, once each.
+void CatchLog(bool bVerbose);
+// Forgets the messages about what was done before.
+void ForgetLog();
+// The first and the last error message since (the last says what failed, of some versions only the first
+// says why), or else the last warning; without those that were shown.
+std::vector<std::string> LogLines();
+// While one lives, messages are kept but not shown: what happens now will happen again.
+class Muted
+{
+  public:
+    Muted();
+    Muted(const Muted&) = delete;
+    Muted& operator=(const Muted&) = delete;
+    ~Muted();
+};
+
+void CatchSignals();
+bool IsInterrupted();
+// The file that goes away if a second signal ends the program at once; empty: none.
+void RemoveOnSignal(const std::string& path);
+// Makes a read of that thread that waits for a pipe return, so that it sees the interruption.
+void Wake(pthread_t thread);
+
+// One line on standard error while it is a terminal; otherwise nothing.
+class Progress
+{
+  public:
+    Progress(bool bQuiet, double dTotal); // seconds of media; 0: unknown
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+    ~Progress();
+    void At(double dSeconds);
+    double Elapsed() const;
+
+  private:
+    using Clock = std::chrono::steady_clock;
+    bool m_bShown;
+    double m_dTotal;
+    Clock::time_point m_Start = Clock::now();
+    Clock::time_point m_Next = m_Start;
+};
+
+// Pictures are large, and blocks so small that waking the other thread for each costs more than they do.
+constexpr std::size_t kMostPictures = 4;
+constexpr std::size_t kMostBlocks = 256;
+
+// From one thread to another; what is put in when nMost wait already waits itself.
+template <class T>
+class Queue
+{
+  public:
+    explicit Queue(std::size_t nMost) : m_nMost(nMost) {}
+
+    // False once nobody takes any more.
+    bool Put(T value, bool bWait = true)
+    {
+        std::unique_lock lock(m_Mutex);
+        m_Changed.wait(lock, [&] { return !bWait || m_bAbandoned || m_Values.size() < m_nMost; });
+        if (!m_bAbandoned) {
+            m_Values.push_back(std::move(value));
+        }
+        m_Changed.notify_all();
+        return !m_bAbandoned;
+    }
+    // Nothing once it is empty and nobody puts in any more, or when the program is interrupted.
+    std::optional<T> Take()
+    {
+        std::unique_lock lock(m_Mutex);
+        const auto ready = [&] { return m_bEnded || !m_Values.empty(); };
+        while (!m_Changed.wait_for(lock, std::chrono::milliseconds(100), ready)) {
+            if (IsInterrupted() && m_bInterruptible) {
+                return std::nullopt;
+            }
+        }
+        if (m_Values.empty()) {
+            return std::nullopt;
+        }
+        std::optional<T> value(std::move(m_Values.front()));
+        m_Values.pop_front();
+        m_Changed.notify_all();
+        return value;
+    }
+    void End() { Set(m_bEnded); }         // by the one who puts in
+    void Abandon() { Set(m_bAbandoned); } // by the one who takes
+    void WaitAlsoWhenInterrupted() { m_bInterruptible = false; }
+
+  private:
+    void Set(bool& b)
+    {
+        const std::scoped_lock lock(m_Mutex);
+        b = true;
+        if (m_bAbandoned) {
+            m_Values.clear();
+        }
+        m_Changed.notify_all();
+    }
+
+    std::mutex m_Mutex;
+    std::condition_variable m_Changed;
+    std::deque<T> m_Values;
+    std::size_t m_nMost;
+    bool m_bEnded = false;
+    bool m_bAbandoned = false;
+    bool m_bInterruptible = true;
+};
+
+} // namespace tool
