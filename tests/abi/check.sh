@@ -17,22 +17,22 @@ trap 'rm -rf "$work"' EXIT
 {
     for library in "${libraries[@]}"; do
         soname=$(readelf -d "$library" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
-        nm -D --defined-only "$library" | sed -e 's/@.*//' -e 's/ [TW] / function /' -e 's/ [BDRV] / object /' |
+        "${NM:-nm}" -D --defined-only "$library" | sed -e 's/@.*//' -e 's/ [TW] / function /' -e 's/ [BDRV] / object /' |
             sed "s/^[0-9a-f]* */$soname /" | LC_ALL=C sort
     done
     # The system's base library is not for us to check.
     [[ ${#libraries[@]} -gt 1 ]] || grep '^libTelvane_BaseLib' exports.txt
     # One declaration to a line, without attributes.
-    "${CXX:-c++}" -E -P -x c++ "$header" | tr -s ' \n' ' ' | tr ';{' '\n\n' |
+    "${CXX:-c++}" -E -P -x c++ "$header" | tr -s ' \n' ' ' | tr ';{' '\n' |
         sed -n 's/^ *\(extern \)\{0,1\}__attribute__((visibility("default"))) //p'
 } >"$work/exports.txt"
 sed -n 's/^#define \(AVFILTER_ERROR_[A-Z_]*\) .*/CODE(\1);/p' "$header" >"$work/codes.h"
 "${CC:-cc}" -std=c11 -I ../../include -I "$work" -o "$work/layouts" layouts.c
-"$work/layouts" >"$work/layouts.txt"
+${EMULATOR:+"$EMULATOR"} "$work/layouts" >"$work/layouts.txt"
 {
     readelf -d "${libraries[0]}" | sed -n 's/.*(NEEDED).*\[\(lib\(av\|sw\|postproc\|Telvane\).*\)\.so.*/library \1/p'
     pkg-config --exists libpostproc || echo library libpostproc # from FFmpeg 8 on there is none
-    nm -D --undefined-only "${libraries[0]}" | sed -nE 's/@.*//; s/.* ((av|sw|pp_|postproc|BaseLib).*)/function \1/p'
+    "${NM:-nm}" -D --undefined-only "${libraries[0]}" | sed -nE 's/@.*//; s/.* ((av|sw|pp_|postproc|BaseLib).*)/function \1/p'
 } | LC_ALL=C sort >"$work/needs.txt"
 
 if [[ -n ${KEEP-} ]]; then

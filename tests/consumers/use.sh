@@ -1,54 +1,48 @@
 #!/usr/bin/env bash
-# Builds and runs what uses the installed library: use.sh PREFIX LANGUAGE..., of c, cpp and python.
+# Uses the installed library in each WAY of c, cpp, tool, and last python (the installed module) and pip (built
+# anew): use.sh PREFIX WAY...
 set -euo pipefail
 prefix=$1
-shift
-cd "$(dirname "$0")"
-root=$(realpath ../..)
+cd "$(dirname "${BASH_SOURCE[0]}")"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# Where GNUInstallDirs may have put the libraries. The system's own directories need no search path.
-for libdir in "$prefix"/lib/*-linux-gnu "$prefix"/lib64 "$prefix"/lib; do
-    if [[ -e $libdir/libTelvane_AVFilter.so.1 ]]; then break; fi
-done
-if [[ $prefix != /usr ]]; then
-    export LD_LIBRARY_PATH=$libdir PKG_CONFIG_PATH=$libdir/pkgconfig
-fi
+libdir=$(dirname "$(find "$prefix"/lib* -name libTelvane_AVFilter.so.1 -print -quit)")
+export PKG_CONFIG_PATH=$libdir/pkgconfig LD_LIBRARY_PATH=$libdir:${LD_LIBRARY_PATH-}
 
-for language in "$@"; do
-    case $language in
+head -c $((3 * 64 * 48 * 3 / 2)) /dev/urandom >"$work/in" # three pictures
+
+for way in "${@:2}"; do
+    case $way in
     c)
-        read -ra flags < <(pkg-config --cflags Telvane_AVFilter)
-        read -ra libraries < <(pkg-config --libs Telvane_AVFilter)
-        c99=("${CC:-cc}" -std=c99 -Wall -Wextra -pedantic -Werror "${flags[@]}")
-        "${c99[@]}" -o "$work/consumer" c/consumer.c "${libraries[@]}"
-        if "${c99[@]}" -M c/consumer.c | grep -E 'lib(av|sw)[a-z]+/'; then
-            echo "the C header needs FFmpeg's" >&2
-            exit 1
-        fi
-        "$work/consumer"
+        read -ra flags < <(pkg-config --cflags --libs Telvane_AVFilter)
+        for source in ../../examples/*.c; do
+            "${CC:-cc}" -std=c99 -Wall -Wextra -pedantic -Werror -MD -o "$work/$(basename "$source" .c)" "$source" "${flags[@]}"
+        done
+        if grep -E 'lib(av|sw)[a-z]+/' "$work"/*.d; then exit 1; fi # the C header needs none of FFmpeg's
+        once() { "$work/video_filter" "$1" 64 48 25 hflip "$2"; }
         ;;
     cpp)
-        cmake -S cpp -B "$work/cpp" -DCMAKE_PREFIX_PATH="$prefix" >"$work/log" || {
-            cat "$work/log" >&2
-            exit 1
-        }
-        cmake --build "$work/cpp" >>"$work/log" || {
-            cat "$work/log" >&2
-            exit 1
-        }
-        # CMake gave these programs a run path.
-        env -u LD_LIBRARY_PATH "$work/cpp/consumer_cpp"
-        env -u LD_LIBRARY_PATH "$work/cpp/consumer_c" | sed 's/^/through CMake: /'
+        cmake -S . -B "$work/cpp" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+        cmake --build "$work/cpp" >/dev/null
+        once() { env -u LD_LIBRARY_PATH "$work/cpp/video_filter" "$1" 64 48 25 hflip "$2"; }
         ;;
-    python)
-        # pip would leave its files in the tree, and Python import from where it stands: from a copy, then.
-        cp -r "$root/python" "$work/source"
-        "${PYTHON:-python3}" -m pip install --quiet --no-build-isolation --no-deps --no-index \
-            --root-user-action=ignore --target "$work/python" "$work/source"
-        (cd "$work" && PYTHONPATH=$work/python PYTHONDONTWRITEBYTECODE=1 AV_LOG_FORCE_NOCOLOR=1 \
-            "${PYTHON:-python3}" -m unittest discover -s "$root/python/tests")
+    tool) once() { env -u LD_LIBRARY_PATH "$prefix/bin/telvane-avfilter" video hflip "$1" "$2" -y -q --to raw --from rawvideo:video_size=64x48; } ;;
+    python) modules=$prefix/lib/python3/dist-packages ;;
+    pip)
+        cp -r ../../python "$work/source" # pip would leave its files in the tree
+        "${PYTHON:-python3}" -m pip install -q --no-build-isolation --no-deps --no-index --target "$work/modules" "$work/source"
+        modules=$work/modules
         ;;
     esac
+    if [[ -n ${modules-} ]]; then
+        PYTHONPATH=$modules PYTHONDONTWRITEBYTECODE=1 "${PYTHON:-python3}" -m unittest discover -s ../../python/tests
+        continue
+    fi
+    # Mirrored twice, the pictures are themselves again; mirrored once, they are not.
+    once "$work/in" "$work/one"
+    once "$work/one" "$work/two"
+    cmp "$work/in" "$work/two"
+    if cmp -s "$work/in" "$work/one"; then exit 1; fi
+    echo "$way: mirrors pictures"
 done

@@ -1,13 +1,14 @@
-// Frees what a call has left behind where its contract says that it leaves something behind: without
-// that a few thousand refused audio descriptions would fill the memory.
+// Frees what a call has left behind where its contract says that it leaves something behind: without that a few
+// thousand refused audio descriptions would fill the memory. What is left behind elsewhere is for the leak check.
 #pragma once
 
 #include <sanitizer/allocator_interface.h>
 
-#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
-#include <cstring>
+#include <set>
+#include <utility>
 
 namespace fuzz
 {
@@ -18,47 +19,37 @@ class Allocations
   public:
     Allocations()
     {
-        static const int nInstalled = __sanitizer_install_malloc_and_free_hooks(OnAllocation, OnFree);
-        if (nInstalled == 0) {
-            std::abort();
-        }
-        s_nCount = 0;
-        s_bRecording = true;
+        static const int nInstalled = __sanitizer_install_malloc_and_free_hooks(
+            [](const volatile void* p, std::size_t) { Note(p, true); },
+            [](const volatile void* p) { Note(p, false); });
+        s_Blocks.clear();
+        s_bRecording = nInstalled != 0;
     }
     ~Allocations() { s_bRecording = false; }
     Allocations(const Allocations&) = delete;
     Allocations& operator=(const Allocations&) = delete;
 
-    void End(bool bFreeTheRest)
+    void FreeTheRest()
     {
         s_bRecording = false;
-        while (bFreeTheRest && s_nCount > 0) {
-            std::free(s_Blocks[--s_nCount]);
+        for (const std::uintptr_t nBlock : s_Blocks) {
+            std::free(reinterpret_cast<void*>(nBlock));
         }
     }
 
   private:
-    static void OnAllocation(const volatile void* p, std::size_t /*nSize*/)
+    static void Note(const volatile void* p, bool bNew)
     {
-        if (s_bRecording && s_nCount < s_Blocks.size()) {
-            // The hooks pass blocks as const volatile; a cast would be the only one of its kind.
-            std::memcpy(&s_Blocks[s_nCount++], &p, sizeof(p));
-        }
-    }
-    // Most blocks are freed soon after they are made, so the search starts at the end.
-    static void OnFree(const volatile void* p)
-    {
-        for (std::size_t i = s_bRecording ? s_nCount : 0; i > 0; --i) {
-            if (s_Blocks[i - 1] == p) {
-                s_Blocks[i - 1] = s_Blocks[--s_nCount];
-                return;
-            }
+        // The set's own memory is not noted.
+        if (std::exchange(s_bRecording, false)) {
+            const auto nBlock = reinterpret_cast<std::uintptr_t>(p);
+            bNew ? static_cast<void>(s_Blocks.insert(nBlock)) : static_cast<void>(s_Blocks.erase(nBlock));
+            s_bRecording = true;
         }
     }
 
     static inline bool s_bRecording = false;
-    static inline std::size_t s_nCount = 0;
-    static inline std::array<void*, 65536> s_Blocks{};
+    static inline std::set<std::uintptr_t> s_Blocks;
 };
 
 } // namespace fuzz

@@ -1,15 +1,10 @@
 // What the C++ layer adds to the C functions: bounds, refusals, errors, ownership.
 #include "Telvane_AVFilter.hpp"
 
+#include "by_hand.h"
 #include "support/faults.h"
-#include "support/support.h"
-
-extern "C" {
-#include <libavutil/imgutils.h>
-}
 
 #include <algorithm>
-#include <set>
 #include <string>
 #include <type_traits>
 
@@ -18,8 +13,8 @@ using namespace telvane;
 namespace
 {
 
-constexpr VideoStream kVideo{{AV_PIX_FMT_YUV420P, 32, 16}, 25};
-constexpr AudioStream kAudio{AV_SAMPLE_FMT_S16, 48000, 2, 480};
+const VideoStream kVideo{{AV_PIX_FMT_YUV420P, 32, 16}, {25}};
+const AudioStream kAudio{AV_SAMPLE_FMT_S16, 48000, 2, 480};
 
 std::span<std::byte> Span(test::GuardedBuffer& buffer)
 {
@@ -54,9 +49,9 @@ int OutputsOf(const Stream& in, const std::string& description, const Out& out)
         for (int i = 0; i < 8; ++i) {
             filter.Send(Bytes(input));
             for (int k = 0; k < 8; ++k) {
-                const std::optional<std::size_t> nSize = filter.Receive(Span(output));
-                EXPECT_LE(nSize.value_or(0), output.Size()) << description;
-                nOutputs += nSize ? 1 : 0;
+                const Received received = filter.Receive(Span(output));
+                EXPECT_LE(received.bytes, output.Size()) << description;
+                nOutputs += received ? 1 : 0;
             }
         }
     });
@@ -100,7 +95,8 @@ TEST(Layer, VideoStaysInTheBufferWhateverTheDescription)
         {"nosuchfilter", kByFFmpeg},
     };
     for (const Case& entry : cases) {
-        EXPECT_EQ(OutputsOf<VideoFilter>(kVideo, entry.description, Size{30, 15}), entry.nOutputs)
+        EXPECT_EQ(OutputsOf<VideoFilter>(kVideo, entry.description, Picture{AV_PIX_FMT_YUV420P, 30, 15}),
+                  entry.nOutputs)
             << entry.description;
     }
 }
@@ -122,217 +118,369 @@ TEST(Layer, AudioStaysInTheBufferWhateverTheDescription)
         EXPECT_EQ(OutputsOf<AudioFilter>(kAudio, entry.description, kAudio), entry.nOutputs)
             << entry.description;
     }
-    for (const AVSampleFormat format :
-         {AV_SAMPLE_FMT_U8, AV_SAMPLE_FMT_S32, AV_SAMPLE_FMT_FLT, AV_SAMPLE_FMT_DBL}) {
-        EXPECT_EQ(OutputsOf<AudioFilter>(AudioStream{format, 48000, 6, 480}, "anull",
-                                         AudioStream{format, 48000, 1, 96}),
-                  40);
-    }
 }
 
-TEST(Layer, AudioIsTheSendersSamples)
+using by_hand::ByHand;
+using by_hand::ByLayer;
+using by_hand::Contents;
+
+// Samples of all values that the format has; bytes that mean nothing are 255.
+test::Bytes Random(const Picture& picture, unsigned nSeed)
 {
-    AudioFilter filter(kAudio, "volume=0.5:precision=fixed", AudioStream{AV_SAMPLE_FMT_S16, 48000, 2, 240});
-    std::vector<std::int16_t> in(960);
-    for (std::size_t i = 0; i < in.size(); ++i) {
-        in[i] = static_cast<std::int16_t>(2 * i);
+    test::Bytes bytes = test::Noise(PictureBytes(picture), nSeed);
+    const PixelFormat& format = *FindFormat(picture.format);
+    for (std::size_t i = 0; format.bits > 8 && i < bytes.size(); i += 2) {
+        const unsigned n = (bytes[i] + 256U * bytes[i + 1]) >> (16 - format.bits) << format.lowBits;
+        bytes[i] = static_cast<unsigned char>(n);
+        bytes[i + 1] = static_cast<unsigned char>(n >> 8);
     }
-    filter.Send(Bytes(in));
-    std::vector<std::int16_t> all;
-    std::vector<std::int16_t> out(480);
-    while (const auto nSize = filter.Receive(Bytes(out))) {
-        all.insert(all.end(), out.begin(), out.begin() + static_cast<std::ptrdiff_t>(*nSize / 2));
+    for (std::size_t i = format.planes.find('x'); i < bytes.size(); i += 4) {
+        bytes[i] = 255;
     }
-    ASSERT_EQ(all.size(), in.size());
-    for (std::size_t i = 0; i < all.size(); ++i) {
-        ASSERT_EQ(all[i], static_cast<std::int16_t>(i));
-    }
+    return bytes;
 }
 
-TEST(Layer, MixersKeepTheirInputsApart)
+Contents Pictures(const Picture& picture, int n)
 {
-    AudioMixer audio({{"a", kAudio}, {"b", kAudio}}, "[a][b]amix=inputs=2:normalize=0:weights=1 0.5",
-                     kAudio);
-    const std::vector<std::int16_t> a(960, 500);
-    const std::vector<std::int16_t> b(960, 200);
-    std::vector<std::int16_t> sum(960);
-    audio.Send(1, Bytes(b));
-    EXPECT_EQ(audio.Receive(Bytes(sum)), std::nullopt);
-    audio.Send(0, Bytes(a));
-    ASSERT_EQ(audio.Receive(Bytes(sum)), 1920U);
-    EXPECT_EQ(sum, std::vector<std::int16_t>(960, 600));
-
-    VideoMixer video({{"left", {{AV_PIX_FMT_GRAY8, 4, 2}, 25}}, {"right", {{AV_PIX_FMT_NV12, 4, 2}, 25}}},
-                     "[left]format=yuv420p[l];[right]format=yuv420p[r];[l][r]hstack[out]", {8, 2});
-    const test::Bytes gray(8, 0x40);
-    const test::Bytes nv12{9, 9, 9, 9, 9, 9, 9, 9, 1, 2, 1, 2};
-    test::Bytes out(video.OutputBytes());
-    video.Send(0, Bytes(gray), {}, {});
-    video.Send(1, Bytes(nv12));
-    ASSERT_EQ(video.Receive(Bytes(out)), 24U);
-    EXPECT_EQ(test::Bytes(out.begin() + 4, out.begin() + 8), test::Bytes(4, 9));
-    EXPECT_EQ(test::Bytes(out.begin() + 16, out.end()), (test::Bytes{128, 128, 1, 1, 128, 128, 2, 2}));
+    Contents pictures;
+    for (int i = 0; i < n; ++i) {
+        pictures.push_back(Random(picture, static_cast<unsigned>(i) + 1));
+    }
+    return pictures;
 }
 
-// Every format and size of the table against FFmpeg's own count, and through a graph.
-TEST(Layer, PlaneSizesAreFFmpegs)
+// Each way in and out of every format, at sizes that share the planes unevenly.
+TEST(Layer, EveryFormatIsGivenAsFFmpegGivesIt)
 {
-    int nKnown = 0;
-    for (int i = 0; i < AV_PIX_FMT_NB; ++i) {
-        const auto format = static_cast<AVPixelFormat>(i);
-        for (const Size size : {Size{32, 16}, Size{33, 15}, Size{1, 1}}) {
-            const Planes planes = PlaneBytes({format, size.width, size.height});
-            if (planes[0] == 0) {
-                continue;
+    for (const PixelFormat& format : kPixelFormats) {
+        const bool bGroups =
+            format.planes.size() == 4 && format.shiftX == 1; // odd ones have a loose sample
+        for (const Size size : {Size{1, 1}, Size{33, 15}, Size{64, 48}, Size{351, 287}}) {
+            const Picture picture{format.format, bGroups ? (size.width + 1) & ~1 : size.width, size.height};
+            if (size.width == 351 && format.bits > 8 && format.bits != 10) {
+                continue; // the small sizes do for those
             }
-            ++nKnown;
-            int nLinesize[4] = {};
-            std::size_t nStart[4] = {};
-            av_image_fill_linesizes(nLinesize, format, size.width);
-            const std::ptrdiff_t nWide[4] = {nLinesize[0], nLinesize[1], nLinesize[2], nLinesize[3]};
-            ASSERT_GE(av_image_fill_plane_sizes(nStart, format, size.height, nWide), 0);
-            EXPECT_EQ(planes, (Planes{nStart[0], nStart[1], nStart[2]})) << i;
-            EXPECT_EQ(nStart[3], 0U);
-            EXPECT_EQ(OutputsOf<VideoFilter>(VideoStream{{format, size.width, size.height}, 25}, "null",
-                                             Size{8, 8}),
-                      8)
-                << i;
+            const std::vector<VideoInput> in{{"in", {picture, {25}}}};
+            const std::vector<Contents> contents{Pictures(picture, 2)};
+            for (const auto* text : {"[in]null[out]", "[in]vflip[out]"}) {
+                EXPECT_EQ(ByLayer<VideoMixer>(in, contents, text, picture),
+                          ByHand(in, contents, text, picture))
+                    << format.name << " " << size.width << " " << text;
+            }
         }
     }
-    EXPECT_EQ(nKnown, 3 * 19);
+}
+
+struct Job {
+    std::string description;
+    Picture in;
+    Picture out;
+    Colour colour = {};
+    Rational aspect{0, 1};
+    std::string head = {}; // of the graph by hand alone
+    Fields fields = Fields::kUnknown;
+};
+
+TEST(Layer, PicturesAreConvertedAsTheirColoursSay)
+{
+    constexpr Colour kHd{AVCOL_RANGE_MPEG, AVCOL_PRI_BT709, AVCOL_TRC_BT709, AVCOL_SPC_BT709};
+    constexpr Colour kFull{AVCOL_RANGE_JPEG, AVCOL_PRI_BT709, AVCOL_TRC_BT709, AVCOL_SPC_BT709};
+    const Picture yuv{AV_PIX_FMT_YUV420P, 64, 48};
+    const Picture rgb{AV_PIX_FMT_RGB24, 63, 47};
+    const Job jobs[] = {
+        {"[in]null[out]", yuv, rgb},
+        {"[in]null[out]", yuv, rgb, kHd},
+        {"[in]null[out]", yuv, rgb, kFull},
+        {"[in]null[out]", rgb, {AV_PIX_FMT_GRAY10LE, 31, 50}, kFull},
+        {"[in]eq=saturation=1.5,format=gbrp,negate[out]", yuv, {AV_PIX_FMT_YUV444P, 64, 48}, kHd},
+        {"[in]colorspace=bt601-6-625[out]", yuv, yuv, kHd},
+        {"[in]null[out]", {AV_PIX_FMT_YUVJ444P, 64, 48}, rgb, kHd, {0, 1}, "setrange=full,"},
+        {"[in]scale=w=iw*sar:h=ih,setsar=1[out]", yuv, {AV_PIX_FMT_YUV422P10LE, 70, 49}, kHd, {3, 2}},
+        {"[in]split[a][b];[a]yadif=deint=interlaced[c];[c][b]vstack[out]",
+         yuv,
+         {AV_PIX_FMT_NV12, 64, 96},
+         {},
+         {1, 1},
+         "setfield=bff,",
+         Fields::kBottomFirst},
+        {"[in]drawbox=t=fill:enable=gte(t\\,0.1)[out]",
+         {AV_PIX_FMT_BGRA, 9, 7},
+         {AV_PIX_FMT_YUVA420P, 10, 8}},
+    };
+    for (const Job& job : jobs) {
+        std::vector<VideoInput> in{{"in", {job.in, {25}}}};
+        in[0].stream.colour = job.colour;
+        in[0].stream.aspect = job.aspect;
+        const std::vector<Contents> contents{Pictures(job.in, 5)};
+        std::string hand = job.description;
+        hand.insert(4, job.head);
+        const auto wanted = ByHand(in, contents, hand, job.out);
+        in[0].stream.fields = job.fields;
+        EXPECT_EQ(ByLayer<VideoMixer>(in, contents, job.description, job.out), wanted) << job.description;
+    }
+}
+
+TEST(Layer, PicturesComeInNumberAndTimeAsFFmpegGivesThem)
+{
+    const Picture picture{AV_PIX_FMT_YUV420P, 16, 8};
+    const VideoStream even{picture, {30000, 1001}};
+    VideoStream uneven{picture};
+    uneven.times = {0, 20, 40, 41, 500, 520, 1000, 1040, 1080, 1120, 1160};
+    VideoStream film{picture};
+    film.times = {0, 1, 3, 4};
+    film.timeBase = {1001, 24000};
+    struct {
+        std::string description;
+        VideoStream a;
+        int nA;
+        int nB = -1; // of a second input
+    } const jobs[] = {
+        {"[a]reverse[out]", even, 7},
+        {"[a]fps=50[out]", even, 7},
+        {"[a]fps=10[out]", uneven, 10},
+        {"[a]tile=2x2[out]", even, 7},
+        {"[a]setpts=PTS*2+1/TB[out]", uneven, 10},
+        {"[a]trim=start=0.1,setpts=PTS-STARTPTS[out]", uneven, 10},
+        {"[a]select=not(mod(n\\,3))[out]", even, 7},
+        {"[a]trim=end_frame=3[out]", even, 7},
+        {"[a]telecine[out]", even, 8},
+        {"[a]minterpolate=fps=60:mi_mode=dup[out]", even, 6},
+        {"[a]loop=1:3[out]", even, 5},
+        {"[a]null[out]", even, 0},
+        {"[a][b]overlay=shortest=1[out]", even, 7, 4},
+        {"[a][b]overlay=eof_action=pass[out]", even, 7, 4},
+        {"[a][b]concat[out]", even, 3, 4},
+        {"[a][b]xfade=duration=0.1:offset=0.1[out]", even, 7, 8},
+        {"[a][b]interleave[out]", even, 3, 4},
+        {"[a]setpts=PTS+1,drawbox=t=fill:enable=gt(t\\,0.1)[out]", film, 3},
+        {"[a]metadata=mode=add:key=telvane:value='a\nb'[out]", even, 3},
+    };
+    for (const auto& job : jobs) {
+        std::vector<VideoInput> in{{"a", job.a}};
+        std::vector<Contents> contents{Pictures(picture, job.nA)};
+        if (job.nB >= 0) {
+            in.push_back({"b", even});
+            contents.push_back(Pictures(picture, job.nB));
+        }
+        EXPECT_EQ(ByLayer<VideoMixer>(in, contents, job.description, picture),
+                  ByHand(in, contents, job.description, picture))
+            << job.description;
+    }
+
+    // So many times as the memory of a long file of a phone has.
+    VideoStream phone{{AV_PIX_FMT_GRAY8, 2, 2}};
+    phone.times.assign(100001, 0);
+    for (std::size_t i = 1; i < phone.times.size(); ++i) {
+        phone.times[i] = phone.times[i - 1] + 15 + static_cast<std::int64_t>(i * 7919 % 37);
+    }
+    phone.length = 100000;
+    VideoFilter filter(phone, "null");
+    test::Bytes buffer(4);
+    for (std::size_t i = 0; i < 100000; i += 1) {
+        filter.Send(Bytes(buffer));
+        const Received received = filter.Receive(Bytes(buffer));
+        ASSERT_TRUE(received && received.time == std::chrono::milliseconds(phone.times[i])) << i;
+    }
+    EXPECT_EQ(filter.Receive(Bytes(buffer)).state, State::kEnd);
+    EXPECT_EQ(CodeOf([&] { filter.Send(Bytes(buffer)); }), AVFILTER_ERROR_VIDEO_INVALID_PARAM);
+}
+
+TEST(Layer, SoundIsAsFFmpegGivesIt)
+{
+    const auto stream = [](AVSampleFormat format, int nRate, int nChannels) {
+        return AudioStream{format, nRate, nChannels, 480};
+    };
+    const AudioStream cd = stream(AV_SAMPLE_FMT_S16, 44100, 2);
+    struct {
+        std::string description;
+        AudioStream in;
+        AudioStream out;
+        int nA = 25 * 480 + 7; // samples
+        int nB = -1;
+    } const jobs[] = {
+        {"[a]anull[out]", cd, stream(AV_SAMPLE_FMT_DBL, 48000, 1)},
+        {"[a]anull[out]", stream(AV_SAMPLE_FMT_U8, 12345, 6), stream(AV_SAMPLE_FMT_U8, 12345, 6)},
+        {"[a]volume=0.5[out]", stream(AV_SAMPLE_FMT_S32, 8000, 1), stream(AV_SAMPLE_FMT_FLT, 8000, 8)},
+        {"[a]areverse[out]", cd, cd},
+        {"[a]afade=t=out:st=0.1:d=0.1[out]", cd, cd},
+        {"[a]atempo=1.5[out]", cd, cd},
+        {"[a]aresample=16000[out]", cd, stream(AV_SAMPLE_FMT_S16, 16000, 2)},
+        {"[a]asetpts=PTS+SR,aecho[out]", cd, cd},
+        {"[a]atrim=end_sample=1000[out]", cd, cd},
+        {"[a]anull[out]", cd, cd, 0},
+        {"[a][b]amix=duration=longest[out]", cd, cd, 1000, 3000},
+        {"[a][b]amix=duration=shortest[out]", cd, cd, 1000, 3000},
+        {"[a][b]amix=duration=first[out]", cd, cd, 2000, 300},
+        {"[a][b]concat=v=0:a=1[out]", cd, cd, 1000, 1001},
+        {"[a][b]acrossfade=ns=500[out]", cd, cd, 2000, 3000},
+    };
+    for (const auto& job : jobs) {
+        std::vector<AudioInput> in;
+        std::vector<Contents> contents;
+        for (const int nSamples : {job.nA, job.nB}) {
+            if (nSamples < 0) {
+                continue;
+            }
+            in.push_back({in.empty() ? "a" : "b", job.in});
+            contents.emplace_back();
+            const auto nSample = static_cast<std::ptrdiff_t>(detail::Audio::SampleBytes(job.in));
+            test::Bytes all =
+                test::Noise(static_cast<std::size_t>(nSamples) * static_cast<std::size_t>(nSample));
+            for (auto it = all.begin(); it != all.end();) {
+                const auto next = it + std::min(480 * nSample, all.end() - it);
+                contents.back().emplace_back(it, next);
+                it = next;
+            }
+        }
+        EXPECT_EQ(ByLayer<AudioMixer>(in, contents, job.description, job.out),
+                  ByHand(in, contents, job.description, job.out))
+            << job.description;
+    }
+}
+
+// Streams of unknown length: what comes comes, and what would wait for ever is refused.
+TEST(Layer, UnknownLengthsDoNotEnd)
+{
+    VideoFilter filter(kVideo, "fps=10,drawbox=enable='gte(t,1)':t=fill:color=white");
+    test::Bytes picture(filter.InputBytes(), 16);
+    std::string seen;
+    Received received;
+    for (int i = 0; i < 50; ++i) {
+        filter.Send(Bytes(picture));
+        test::Bytes out(filter.OutputBytes());
+        while ((received = filter.Receive(Bytes(out)))) {
+            EXPECT_EQ(received.time, std::chrono::milliseconds(100 * seen.size()));
+            seen += out[0] > 100 ? 'w' : 'b';
+        }
+        EXPECT_EQ(received.state, State::kNotYet);
+    }
+    EXPECT_EQ(seen, std::string(10, 'b') + std::string(10, 'w'));
+    VideoStream two = kVideo;
+    two.length = 2;
+    VideoFilter untimed(two, "reverse", {}, Times::kNone);
+    untimed.Send(Bytes(picture));
+    EXPECT_EQ(untimed.Receive(Bytes(picture)).state, State::kNotYet);
+    untimed.Send(Bytes(picture));
+    for (const State state : {State::kOutput, State::kOutput, State::kEnd, State::kEnd}) {
+        received = untimed.Receive(Bytes(picture));
+        EXPECT_TRUE(received.state == state && !received.time);
+    }
+    EXPECT_EQ(CodeOf([] { VideoFilter(kVideo, "reverse"); }), AVFILTER_ERROR_VIDEO_INVALID_PARAM);
+    EXPECT_EQ(CodeOf([] { AudioFilter(kAudio, "areverse"); }), AVFILTER_ERROR_AUDIO_INVALID_PARAM);
+    for (const Rational rate : {Rational{30000, 1001}, Rational{10000000, 1}}) {
+        VideoFilter timeless({{AV_PIX_FMT_GRAY8, 2, 2}, rate}, "setpts=NAN");
+        timeless.Send(Bytes(picture).first(4));
+        received = timeless.Receive(Bytes(picture));
+        EXPECT_TRUE(received && !received.time);
+        timeless.Send(Bytes(picture).first(4));
+        EXPECT_TRUE(timeless.Receive(Bytes(picture)));
+    }
+    VideoFilter rational({kVideo.picture, {24000, 1001}}, "setpts=PTS+1");
+    rational.Send(Bytes(picture));
+    EXPECT_EQ(rational.Receive(Bytes(picture)).time, std::chrono::microseconds(41708));
+    EXPECT_EXIT(
+        {
+            const int code = CodeOf([&] { static_cast<void>(rational.Receive(Bytes(picture))); });
+            std::_Exit(code == AVFILTER_ERROR_VIDEO_INVALID_PARAM ? 7 : 0);
+        },
+        testing::ExitedWithCode(7), "");
+    VideoStream late = kVideo;
+    late.times = {0, (std::int64_t{1} << 53) + 1};
+    EXPECT_EQ(CodeOf([&] { VideoFilter(late, "null"); }), AVFILTER_ERROR_VIDEO_INVALID_PARAM);
+}
+
+TEST(Layer, PlaneSizesAreFFmpegs)
+{
+    for (const PixelFormat& format : kPixelFormats) {
+        for (const Size size : {Size{32, 16}, Size{33, 15}, Size{1, 1}}) {
+            int nLinesize[4] = {};
+            Planes wanted{};
+            av_image_fill_linesizes(nLinesize, format.format, size.width);
+            const std::ptrdiff_t nWide[4] = {nLinesize[0], nLinesize[1], nLinesize[2], nLinesize[3]};
+            ASSERT_GE(av_image_fill_plane_sizes(wanted.data(), format.format, size.height, nWide), 0);
+            EXPECT_EQ(PlaneBytes({format.format, size.width, size.height}), wanted) << format.name;
+        }
+        EXPECT_EQ(av_get_pix_fmt(format.name), format.format);
+    }
     EXPECT_EQ(PlaneBytes({AV_PIX_FMT_RGBA, 1 << 20, 1 << 20}), Planes{});
     EXPECT_EQ(PlaneBytes({AV_PIX_FMT_RGBA, -8, -8}), Planes{});
 }
 
 TEST(Layer, ConstInputIsNeverWrittenTo)
 {
-    VideoFilter filter(kVideo, "negate,drawbox=t=fill", Size{32, 16});
-    test::GuardedBuffer in(filter.InputBytes(), 0x20);
-    test::GuardedBuffer out(filter.OutputBytes());
+    VideoFilter filter(kVideo, "negate,drawbox=t=fill");
+    test::GuardedBuffer in(filter.InputBytes() + VideoFilter::kSpareBytes, 0x20);
+    test::GuardedBuffer out(filter.InputBytes());
+    const auto picture = Span(in).first(filter.InputBytes());
     in.Protect();
-    filter.Send(Span(in));
+    filter.Send(picture);
     ASSERT_TRUE(filter.Receive(Span(out)));
-    AudioFilter audio(kAudio, "volume=0.5");
-    test::GuardedBuffer block(audio.InputBytes());
-    block.Protect();
-    audio.Send(Span(block));
-    VideoScaler scaler(kVideo.picture, {AV_PIX_FMT_RGB24, 7, 5});
-    test::GuardedBuffer rgb(scaler.OutputBytes());
-    scaler.Scale(Span(in), Span(rgb));
-
+    VideoScaler scaler(kVideo.picture, kVideo.picture);
+    scaler.Scale(picture, Span(out));
+    EXPECT_EQ(out.Copy(), test::Bytes(768, 0x20));
     // Planes that are not there must not turn the call into one that hands over the whole picture.
-    VideoFilter gray({{AV_PIX_FMT_GRAY8, 32, 16}, 25}, "negate");
-    gray.Send(Span(in).first(512), {}, {});
+    VideoFilter gray({{AV_PIX_FMT_GRAY8, 32, 16}}, "negate");
+    gray.Send(picture.first(512), {}, {});
     ASSERT_TRUE(gray.Receive(Span(out)));
 
     // Without a copy it is the caller's own memory that is worked in.
-    test::Bytes picture(filter.InputBytes() + VideoFilter::kSpareBytes, 0x20);
+    test::Bytes own(in.Size(), 0x20);
     VideoFilter inPlace(kVideo, "negate");
-    inPlace.SendWithoutCopy(Bytes(picture));
+    inPlace.SendWithoutCopy(Bytes(own));
     ASSERT_TRUE(inPlace.Receive(Span(out)));
-    EXPECT_EQ(picture[0], 0xDF);
-    EXPECT_EQ(out.Data()[0], 0xDF);
+    EXPECT_EQ(own[0] + 256 * out.Data()[0], 0xDFDF);
 }
 
-TEST(Layer, PicturesHaveTimes)
-{
-    VideoFilter filter(kVideo, "fps=10,drawbox=enable='gte(t,1)':t=fill:color=white");
-    const test::Bytes black(filter.InputBytes(), 16);
-    test::Bytes out(filter.OutputBytes());
-    std::string seen;
-    for (int i = 0; i < 50; ++i) {
-        filter.Send(Bytes(black));
-        while (filter.Receive(Bytes(out))) {
-            seen += out[0] > 100 ? 'w' : 'b';
-        }
-    }
-    EXPECT_EQ(seen, std::string(10, 'b') + std::string(10, 'w'));
-}
-
-TEST(Layer, WrongSizesAreRefusedBeforeTheCall)
+TEST(Layer, WhatCannotBeIsRefusedBeforeTheCall)
 {
     VideoFilter video(kVideo, "null");
     AudioFilter audio(kAudio, "anull");
     VideoScaler scaler(kVideo.picture, kVideo.picture);
     test::Bytes a(2000);
     const std::span<std::byte> all = Bytes(a);
-    const std::span<std::byte> null(static_cast<std::byte*>(nullptr), 768);
     const auto y = all.first(512);
     const auto c = all.first(128);
-    const auto refused = [](const auto& call) {
-        return CodeOf(call) == AVFILTER_ERROR_VIDEO_INVALID_PARAM ||
-               CodeOf(call) == AVFILTER_ERROR_AUDIO_INVALID_PARAM;
+    const auto expect = [](const auto& call) {
+        EXPECT_EQ(CodeOf(call) & ~0x1000, AVFILTER_ERROR_AUDIO_INVALID_PARAM);
     };
     faults::Reset();
-    for (const std::span<std::byte> bad : {all.first(0), all.first(767), all.first(769), null}) {
-        EXPECT_TRUE(refused([&] { video.Send(bad); }));
-        EXPECT_TRUE(refused([&] { video.SendWithoutCopy(bad); }));
-        EXPECT_TRUE(refused([&] { scaler.Scale(bad, all); }));
-        EXPECT_TRUE(refused([&] { audio.Send(bad); }));
-        EXPECT_TRUE(refused([&] { video.Send(bad, c, c); }));
-        EXPECT_TRUE(refused([&] { video.Send(y, bad, c); }));
-        EXPECT_TRUE(refused([&] { video.Send(y, c, bad); }));
-    }
-    for (const std::span<std::byte> bad : {all.first(0), all.first(767), null}) {
-        EXPECT_TRUE(refused([&] { static_cast<void>(video.Receive(bad)); }));
-        EXPECT_TRUE(refused([&] { static_cast<void>(audio.Receive(bad)); }));
-        EXPECT_TRUE(refused([&] { scaler.Scale(all.first(768), bad); }));
+    for (const std::span<std::byte> bad : {all.first(0), all.first(767), all.first(769)}) {
+        expect([&] { video.Send(bad); });
+        expect([&] { video.SendWithoutCopy(bad); });
+        expect([&] { scaler.Scale(bad, all); });
+        expect([&] { audio.Send(bad); });
+        expect([&] { video.Send(bad, c, c); });
+        expect([&] { video.Send(y, bad, c); });
+        expect([&] { video.Send(y, c, bad); });
+        if (bad.size() < 768) {
+            expect([&] { static_cast<void>(video.Receive(bad)); });
+            expect([&] { static_cast<void>(audio.Receive(bad)); });
+            expect([&] { scaler.Scale(all.first(768), bad); });
+        }
     }
     EXPECT_TRUE(faults::Log().empty()); // FFmpeg was not called
     video.Send(y, c, c);
-    EXPECT_EQ(video.Receive(all), 768U); // larger is enough
+    EXPECT_EQ(video.Receive(all).bytes, 768U); // larger is enough
 
-    for (const Size size : {Size{31, 16}, Size{32, 15}}) {
-        VideoFilter odd({{AV_PIX_FMT_YUV420P, size.width, size.height}, 25}, "null");
-        const auto fitting = all.first(odd.InputBytes() + VideoFilter::kSpareBytes);
-        EXPECT_TRUE(refused([&] { odd.SendWithoutCopy(fitting); }));
+    for (const Picture bad :
+         {Picture{AV_PIX_FMT_PAL8, 32, 16}, Picture{AV_PIX_FMT_NONE, 32, 16},
+          Picture{AV_PIX_FMT_YUV420P, 0, 16}, Picture{AV_PIX_FMT_GRAY8, 1 << 20, 1 << 20}}) {
+        expect([&] { VideoFilter({bad}, "null", kVideo.picture); });
+        expect([&] { VideoFilter(kVideo, "null", bad); });
+        expect([&] { VideoScaler(kVideo.picture, bad); });
     }
-
-    const auto noVideo = [](VideoStream stream, Size out) {
-        return CodeOf([&] { VideoFilter(stream, "null", out); });
-    };
-    EXPECT_EQ(noVideo({{AV_PIX_FMT_YUVA420P, 32, 16}, 25}, {32, 16}), AVFILTER_ERROR_VIDEO_INVALID_PARAM);
-    EXPECT_EQ(noVideo({{AV_PIX_FMT_NONE, 32, 16}, 25}, {32, 16}), AVFILTER_ERROR_VIDEO_INVALID_PARAM);
-    EXPECT_EQ(noVideo({{AV_PIX_FMT_YUV420P, 0, 16}, 25}, {32, 16}), AVFILTER_ERROR_VIDEO_INVALID_PARAM);
-    EXPECT_EQ(noVideo({{AV_PIX_FMT_YUV420P, 32, 16}, 0}, {32, 16}), AVFILTER_ERROR_VIDEO_INVALID_PARAM);
-    for (const Size size : {Size{0, 16}, Size{-1, 16}, Size{1 << 20, 1 << 20}}) {
-        EXPECT_EQ(noVideo(kVideo, size), AVFILTER_ERROR_VIDEO_INVALID_PARAM);
-    }
+    expect([] { VideoFilter({kVideo.picture, {0}}, "null"); });
+    expect([] { VideoFilter({.picture = kVideo.picture, .length = 3, .times = {1, 2}}, "null"); });
     for (const AudioStream bad :
-         {AudioStream{AV_SAMPLE_FMT_S16P, 48000, 2, 480}, AudioStream{AV_SAMPLE_FMT_NONE, 48000, 2, 480},
-          AudioStream{AV_SAMPLE_FMT_S16, 0, 2, 480}, AudioStream{AV_SAMPLE_FMT_S16, 48000, 0, 480},
-          AudioStream{AV_SAMPLE_FMT_S16, 48000, 2, 0},
+         {AudioStream{AV_SAMPLE_FMT_S16P, 48000, 2, 480}, AudioStream{AV_SAMPLE_FMT_S16, 0, 2, 480},
+          AudioStream{AV_SAMPLE_FMT_S16, 48000, 0, 480}, AudioStream{AV_SAMPLE_FMT_S16, 48000, 2, 0},
           AudioStream{AV_SAMPLE_FMT_S16, 48000, 1 << 16, 1 << 15}}) {
-        EXPECT_EQ(CodeOf([&] { AudioFilter(bad, "anull"); }), AVFILTER_ERROR_AUDIO_INVALID_PARAM);
-        EXPECT_EQ(CodeOf([&] { AudioFilter(kAudio, "anull", bad); }), AVFILTER_ERROR_AUDIO_INVALID_PARAM);
+        expect([&] { AudioFilter(bad, "anull"); });
+        expect([&] { AudioFilter(kAudio, "anull", bad); });
     }
-    EXPECT_EQ(CodeOf([] {
-                  VideoScaler(kVideo.picture, {AV_PIX_FMT_PAL8, 8, 8});
-              }),
-              AVFILTER_ERROR_VIDEO_INVALID_PARAM);
-    EXPECT_EQ(CodeOf([] {
-                  VideoMixer({{std::string(64, 'n'), kVideo}}, "null", {8, 8});
-              }),
-              AVFILTER_ERROR_VIDEO_INVALID_PARAM);
-    EXPECT_EQ(CodeOf([] { VideoMixer({}, "testsrc", {8, 8}); }), AVFILTER_ERROR_VIDEO_INVALID_PARAM);
+    expect([] { VideoMixer({{"a]", kVideo}}, "null"); });
+    expect([] { VideoMixer({}, "testsrc"); });
     EXPECT_EQ(CodeOf([&] { video.VideoMixer::Send(1, all.first(768)); }), AVFILTER_ERROR_VIDEO_NOT_FOUND);
-}
-
-TEST(Layer, ScalerGivesTheCInterfacesPictures)
-{
-    const test::Bytes in = test::Noise(768);
-    VideoScaler scaler(kVideo.picture, {AV_PIX_FMT_RGB24, 13, 9});
-    test::GuardedBuffer out(scaler.OutputBytes());
-    scaler.Scale(Bytes(in), Span(out));
-    unsigned long long hHandle = 0;
-    ASSERT_TRUE(AVFilter_VideoScale_Init(&hHandle) &&
-                AVFilter_VideoScale_Set(hHandle, AV_PIX_FMT_YUV420P, 32, 16, AV_PIX_FMT_RGB24, 13, 9));
-    test::Bytes wanted(351);
-    auto nSize = static_cast<int>(wanted.size());
-    ASSERT_TRUE(
-        AVFilter_VideoScale_Fmt(hHandle, reinterpret_cast<const char*>(in.data()), wanted.data(), &nSize));
-    AVFilter_VideoScale_Destory(hHandle);
-    EXPECT_EQ(out.Copy(), wanted);
 }
 
 TEST(Layer, LackOfMemoryIsNotTakenForNoOutput)
@@ -340,17 +488,18 @@ TEST(Layer, LackOfMemoryIsNotTakenForNoOutput)
     VideoFilter video(kVideo, "null");
     AudioFilter audio(kAudio, "anull");
     test::Bytes out(2000);
-    EXPECT_EQ(video.Receive(Bytes(out)), std::nullopt);
-    EXPECT_EQ(audio.Receive(Bytes(out)), std::nullopt);
-    faults::Fail("av_frame_alloc");
-    EXPECT_EQ(CodeOf([&] { static_cast<void>(video.Receive(Bytes(out))); }), AVFILTER_ERROR_VIDEO_ALLOC);
-    faults::Fail("av_frame_alloc");
-    EXPECT_EQ(CodeOf([&] { static_cast<void>(audio.Receive(Bytes(out))); }),
-              AVFILTER_ERROR_AUDIO_FRAME_BUFFER);
-    faults::Fail("av_buffersrc_add_frame");
-    EXPECT_EQ(CodeOf([&] { video.Send(Bytes(out).first(768)); }), AVFILTER_ERROR_VIDEO_SEND_FRAME);
-    faults::Fail("av_buffersrc_add_frame");
-    EXPECT_EQ(CodeOf([&] { audio.Send(Bytes(out).first(1920)); }), AVFILTER_ERROR_AUDIO_SEND_FRAME);
+    const auto expect = [](const char* szFunction, int nCode, const auto& call) {
+        faults::Fail(szFunction);
+        EXPECT_EQ(CodeOf(call), nCode);
+    };
+    expect("av_frame_alloc", AVFILTER_ERROR_VIDEO_ALLOC,
+           [&] { static_cast<void>(video.Receive(Bytes(out))); });
+    expect("av_frame_alloc", AVFILTER_ERROR_AUDIO_FRAME_BUFFER,
+           [&] { static_cast<void>(audio.Receive(Bytes(out))); });
+    expect("av_buffersrc_add_frame", AVFILTER_ERROR_VIDEO_SEND_FRAME,
+           [&] { video.Send(Bytes(out).first(768)); });
+    expect("av_buffersrc_add_frame", AVFILTER_ERROR_AUDIO_SEND_FRAME,
+           [&] { audio.Send(Bytes(out).first(1920)); });
     faults::Reset();
     video.Send(Bytes(out).first(768));
     EXPECT_TRUE(video.Receive(Bytes(out)));
@@ -389,8 +538,8 @@ TEST(Layer, MovedFromObjectsAreEmpty)
                 [&](auto& o) { static_cast<void>(o.Receive(out)); });
     ExpectMoves(VideoFilter(kVideo, "null"), AVFILTER_ERROR_VIDEO_NOT_FOUND,
                 [&](auto& o) { o.Send(picture); });
-    ExpectMoves(VideoMixer({{"a", kVideo}}, "[a]null", {8, 8}), AVFILTER_ERROR_VIDEO_NOT_FOUND,
-                [&](auto& o) { static_cast<void>(o.Receive(out)); });
+    ExpectMoves(VideoMixer({{"a", kVideo}}, "[a]null", Picture{AV_PIX_FMT_GRAY8, 8, 8}),
+                AVFILTER_ERROR_VIDEO_NOT_FOUND, [&](auto& o) { static_cast<void>(o.Receive(out)); });
     ExpectMoves(VideoScaler(kVideo.picture, {AV_PIX_FMT_RGB24, 8, 8}), AVFILTER_ERROR_VIDEO_NOT_FOUND,
                 [&](auto& o) { o.Scale(picture, out); });
     VideoFilter filter(kVideo, "null");
@@ -413,32 +562,21 @@ TEST(Layer, HandlesAreReleased)
     });
 }
 
-TEST(Layer, CategoryNamesAndExplainsAllCodes)
+TEST(Layer, ErrorsSpeakOfTheCallersWords)
 {
-    std::set<std::string> messages;
-    const auto add = [&](int nCode) {
-        const std::string message = Category().message(nCode);
-        EXPECT_EQ(message.rfind(nCode < 0x80F1000 ? "AVFILTER_ERROR_AUDIO_" : "AVFILTER_ERROR_VIDEO_", 0),
-                  0U);
-        EXPECT_GT(message.size(), message.find(": ") + 10);
-        messages.insert(message);
-    };
     for (int i = 1; i <= 9; ++i) {
-        add(0x80F0000 + i);
-        add(0x80F1000 + i);
+        EXPECT_EQ(Category().message(0x80F0000 + i).find("AVFILTER_ERROR_AUDIO_"), 0U);
+        EXPECT_EQ(Category().message(0x80F1000 + i).find("AVFILTER_ERROR_VIDEO_"), 0U);
     }
-    add(0x80F1010);
-    add(0x80F1011);
-    EXPECT_EQ(messages.size(), 20U);
     EXPECT_EQ(Category().message(0x80F100A).find("unknown"), 0U);
     try {
         const VideoFilter filter(kVideo, "nosuchfilter");
         FAIL();
     } catch (const std::system_error& error) {
         EXPECT_EQ(error.code(), std::error_code(AVFILTER_ERROR_VIDEO_PARSE_GRAPH, Category()));
-        const std::string what = error.what();
-        EXPECT_NE(what.find("nosuchfilter"), std::string::npos);
-        EXPECT_NE(what.find("AVFILTER_ERROR_VIDEO_PARSE_GRAPH: "), std::string::npos);
+        EXPECT_EQ(
+            std::string(error.what()).find("nosuchfilter\nlabels here: [in] [out]: AVFILTER_ERROR_VIDEO_"),
+            0U);
     }
 }
 

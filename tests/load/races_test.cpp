@@ -1,8 +1,10 @@
-// All jobs at once on many threads, handles coming and going, failing calls among them. Every thread
-// checks what comes out of its own handles against what came out of the same job alone. Meant for
-// ThreadSanitizer as much as for the content.
+// All jobs at once on many threads, handles coming and going, failing calls among them. Every thread checks what
+// comes out of its own handles against what came out of the same job alone. Meant for ThreadSanitizer as much as
+// for the content.
+//
+// With SOAK_SECONDS in the environment it goes on for so long, and the memory must not grow after a sixth of it.
 
-#include "jobs.h"
+#include "support/jobs.h"
 
 #include <gtest/gtest.h>
 
@@ -13,94 +15,114 @@ extern "C" {
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <initializer_list>
-#include <memory>
+#include <chrono>
+#include <cstdlib>
+#include <iterator>
+#include <random>
 #include <thread>
 #include <vector>
 
 namespace
 {
 
-constexpr load::Size kSize{96, 64, 480};
+using jobs::kKinds;
+using Clock = std::chrono::steady_clock;
+using Outputs = std::vector<test::Bytes>;
+
+constexpr std::array<jobs::Size, 3> kSizes{{{96, 64, 480}, {16, 16, 64}, {322, 182, 1024}}};
 constexpr unsigned kThreads = 8;
-constexpr int kRounds = 12;
-constexpr int kCalls = 6;
+constexpr int kMostCalls = 12;
 
-using load::kJobs;
-using load::Outputs;
-
-bool IsAnyOf(unsigned long long nCode, std::initializer_list<unsigned long long> codes)
+Outputs OutputsOf(std::size_t nKind, jobs::Size size, unsigned nSeed, int nCalls)
 {
-    return std::find(codes.begin(), codes.end(), nCode) != codes.end();
+    jobs::Job job(kKinds.at(nKind), size, nSeed);
+    Outputs outputs;
+    while (nCalls-- > 0) {
+        job.Convert();
+        outputs.push_back(job.Output());
+    }
+    return outputs;
 }
 
-// Calls that fail, on no handle and on those of other threads' making. Returns how many did not fail, or
-// left a code that no call here reports.
+// Calls that fail. Returns how many did not, or left a code that no call here reports.
 int Fail()
 {
-    unsigned char byte = 0;
-    int nLen = 0;
-    unsigned long long hHandle = 0;
-    AVFILTER_VIDEO_INFO st_Info{};
-    st_Info.nWidth = 16;
-    st_Info.nHeight = 16;
-    st_Info.nTimeBase = 25;
-    const std::array<bool, 8> bResults{
-        AVFilter_Audio_Cvt(1, &byte, 1, &byte, &nLen),
-        AVFilter_Audio_MIXSend(1, 0, &byte, 1),
-        AVFilter_Audio_MIXRecv(1, nullptr, &nLen),
-        AVFilter_Video_Cvt(1, &byte, nullptr, nullptr, 0, 0, 0, &byte, &nLen),
-        AVFilter_Video_Init(&hHandle, "[in]hflip[nowhere]", &st_Info),
-        AVFilter_Video_MIXRecv(1, &byte, &nLen),
-        AVFilter_VideoScale_Set(1, 0, 16, 16, 0, 8, 8),
-        AVFilter_VideoScale_Fmt(1, "", &byte, &nLen)};
+    test::Bytes bytes(1024);
+    const jobs::Block block{bytes.data(), {16, 16, 64}, true};
+    jobs::Handle h = 0;
+    int nWrong = kKinds[jobs::kVideoFilter].Create(&h, block.size, "[in]hflip[nowhere]") ? 1 : 0;
+    for (const jobs::Kind& kind : kKinds) {
+        int nLen = 1024;
+        nWrong += kind.Take(1, block, bytes.data(), &nLen) ? 1 : 0;
+        nWrong += kind.Send != nullptr && kind.Send(1, 0, block) ? 1 : 0;
+    }
     // Whichever thread failed last.
-    const bool bKnown = IsAnyOf(AVFilter_GetLastError(nullptr),
-                                {AVFILTER_ERROR_AUDIO_NOT_FOUND, AVFILTER_ERROR_AUDIO_INVALID_PARAM,
-                                 AVFILTER_ERROR_VIDEO_NOT_FOUND, AVFILTER_ERROR_VIDEO_CONFIG_GRAPH});
-    return static_cast<int>(std::count(bResults.begin(), bResults.end(), true)) + (bKnown ? 0 : 1);
+    const std::array<unsigned long long, 4> codes{
+        AVFILTER_ERROR_AUDIO_NOT_FOUND, AVFILTER_ERROR_VIDEO_NOT_FOUND, AVFILTER_ERROR_VIDEO_PARSE_GRAPH,
+        AVFILTER_ERROR_VIDEO_CONFIG_GRAPH};
+    const bool bKnown =
+        std::find(codes.begin(), codes.end(), AVFilter_GetLastError(nullptr)) != codes.end();
+    return nWrong + (bKnown ? 0 : 1);
 }
 
 TEST(Races, EveryThreadGetsItsOwnResults)
 {
     av_log_set_level(AV_LOG_QUIET);
-    // Before anything else, so that FFmpeg's first-time initialisation runs in several threads at once.
-    std::array<std::array<Outputs, kJobs.size()>, kThreads> early;
+    const char* const szSeconds = std::getenv("SOAK_SECONDS");
+    const std::chrono::duration<double> duration(szSeconds == nullptr ? 0 : std::atof(szSeconds));
     const auto onAllThreads = [](auto work) {
         std::vector<std::thread> threads;
         for (unsigned t = 0; t < kThreads; ++t) {
             threads.emplace_back(work, t);
         }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
+        return threads;
     };
-    onAllThreads([&](unsigned t) {
-        for (std::size_t k = 0; k < kJobs.size(); ++k) {
-            early[t][k] = kJobs[k](kSize, t, kCalls);
+    const auto join = [](std::vector<std::thread> threads) {
+        std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
+    };
+    // Before anything else, so that FFmpeg's first-time initialisation runs in several threads at once.
+    std::array<std::array<Outputs, kKinds.size()>, kThreads> early;
+    join(onAllThreads([&](unsigned t) {
+        for (std::size_t k = 0; k < kKinds.size(); ++k) {
+            early[t][k] = OutputsOf(k, kSizes[0], t, kMostCalls);
         }
-    });
+    }));
 
-    std::array<std::array<Outputs, kJobs.size()>, kThreads> alone;
+    std::array<std::array<std::array<Outputs, kSizes.size()>, kKinds.size()>, kThreads> alone;
     for (unsigned t = 0; t < kThreads; ++t) {
-        for (std::size_t k = 0; k < kJobs.size(); ++k) {
-            alone[t][k] = kJobs[k](kSize, t, kCalls);
-            EXPECT_EQ(early[t][k], alone[t][k]) << "job " << k << ", thread " << t;
+        for (std::size_t k = 0; k < kKinds.size(); ++k) {
+            for (std::size_t s = 0; s < kSizes.size(); ++s) {
+                alone[t][k][s] = OutputsOf(k, kSizes[s], t, kMostCalls);
+            }
+            EXPECT_EQ(early[t][k], alone[t][k][0]) << kKinds[k].szName << ", thread " << t;
         }
     }
     EXPECT_NE(alone[0], alone[1]);
 
+    const auto start = Clock::now();
     std::atomic<int> nWrong = 0;
-    onAllThreads([&](unsigned t) {
-        for (int nRound = 0; nRound < kRounds; ++nRound) {
-            // Each thread starts elsewhere, so that families meet themselves and one another.
-            for (std::size_t k = 0; k < kJobs.size(); ++k) {
-                const std::size_t nJob = (k + t) % kJobs.size();
-                nWrong += kJobs[nJob](kSize, t, kCalls) == alone[t][nJob] ? 0 : 1;
-                nWrong += Fail();
-            }
+    std::vector<std::thread> threads = onAllThreads([&](unsigned t) {
+        std::minstd_rand random(t + 1);
+        for (int nRound = 0; nRound < 60 || Clock::now() - start < duration; ++nRound) {
+            const std::size_t k = random() % kKinds.size();
+            const std::size_t s = random() % kSizes.size();
+            const Outputs outputs = OutputsOf(k, kSizes[s], t, 1 + static_cast<int>(random() % kMostCalls));
+            nWrong += std::equal(outputs.begin(), outputs.end(), alone[t][k][s].begin()) ? 0 : 1;
+            nWrong += Fail();
         }
     });
+    // The highest of each sixth: the threads' own buffers come and go.
+    std::array<std::size_t, 6> most{};
+    for (std::size_t i = 0; duration.count() > 0 && i < most.size(); ++i) {
+        while (Clock::now() - start < duration * (static_cast<double>(i) + 1) / 6) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            most[i] = std::max(most[i], test::ResidentBytes());
+        }
+        std::printf("%zu/6 of %g s: %d wrong, at most %zu KiB resident\n", i + 1, duration.count(),
+                    nWrong.load(), most[i] / 1024);
+        EXPECT_LE(most[i], most[0] + most[0] / 50) << "the memory grows";
+    }
+    join(std::move(threads));
     EXPECT_EQ(nWrong, 0);
 }
 

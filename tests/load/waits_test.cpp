@@ -88,7 +88,7 @@ TYPED_TEST(Waits, HandlesComeAndGoWhileOthersConvert)
     }));
 }
 
-// So many conversions take about a second beside eight threads; without the gate in front of the lock
+// So many conversions take about a second beside eight threads; with a lock that only prefers writers
 // they do not come to an end in the watchdog's time.
 TYPED_TEST(Waits, ConversionsGetThroughWhileHandlesComeAndGo)
 {

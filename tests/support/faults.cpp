@@ -1,31 +1,21 @@
 #include "faults.h"
 
-#include "../../src/frame/ffmpeg.h"
-#include "../../src/frame/handle.h"
+#include "../../src/common/ffmpeg.h"
+#include "../../src/common/handle.h"
 #include "Telvane_AVFilter.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <dlfcn.h>
-#include <map>
+#include <mutex>
+#include <new>
 #include <utility>
 
 namespace
 {
 
-struct State {
-    std::map<std::string, int> mapCountdown;
-    std::vector<std::string> vec_Log;
-    unsigned long long hNext = 0;
-    double nProbability = 0;
-    unsigned nRandom = 0;
-    int nFailed = 0;
-};
-
-State& TheState()
-{
-    static State st_State;
-    return st_State;
-}
+// What runs within a call may call the library on threads of its own.
+std::mutex g_Mutex;
 
 bool IsFromLibrary(void* pCaller)
 {
@@ -44,29 +34,38 @@ bool Enter(const char* szFunction, void* pCaller)
     if (!IsFromLibrary(pCaller)) {
         return false;
     }
-    State& st_State = TheState();
-    st_State.vec_Log.emplace_back(szFunction);
-    bool bFail = false;
-    if (st_State.nProbability > 0) {
-        st_State.nRandom = st_State.nRandom * 1664525U + 1013904223U;
-        bFail = st_State.nRandom < st_State.nProbability * 4294967296.0;
+    std::unique_lock lock(g_Mutex);
+    faults::s_Log.emplace_back(szFunction);
+    if (faults::s_szWithin == szFunction) {
+        faults::s_szWithin.clear();
+        const auto within = std::exchange(faults::s_Within, nullptr);
+        lock.unlock();
+        within();
+        lock.lock();
     }
-    const auto it = st_State.mapCountdown.find(szFunction);
-    if (it != st_State.mapCountdown.end() && --it->second == 0) {
-        st_State.mapCountdown.erase(it);
-        bFail = true;
-    }
-    st_State.nFailed += bFail ? 1 : 0;
+    const bool bFail = (faults::s_szFail.empty() || faults::s_szFail == szFunction) &&
+                       faults::s_nFail > 0 && --faults::s_nFail == 0;
+    faults::s_nFailed += bFail ? 1 : 0;
     return bFail;
 }
 
 } // namespace
 
+void faults::Reset()
+{
+    s_nFail = 0;
+    s_nFailNew = 0;
+    s_szWithin.clear();
+    s_hNext = 0;
+    s_Log.clear();
+    s_nFailed = 0;
+}
+
 // One override: its declaration, how it fails, and the arguments to pass on. It has FFmpeg's name for the
 // linker alone, so that it need not repeat FFmpeg's declaration to the letter.
-#define OVERRIDE(result, name, parameters, arguments, failure)                                             \
-    auto Override_##name parameters->result __asm__(#name);                                                \
-    auto Override_##name parameters->result                                                                \
+#define OVERRIDE(name, parameters, arguments, failure)                                                     \
+    auto Override_##name parameters->decltype(name arguments) __asm__(#name);                              \
+    auto Override_##name parameters->decltype(name arguments)                                              \
     {                                                                                                      \
         static const auto real = reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name));             \
         if (Enter(#name, __builtin_return_address(0))) {                                                   \
@@ -75,39 +74,37 @@ bool Enter(const char* szFunction, void* pCaller)
         return real arguments;                                                                             \
     }
 
-OVERRIDE(AVFilterGraph*, avfilter_graph_alloc, (), (), nullptr)
-OVERRIDE(AVFilterInOut*, avfilter_inout_alloc, (), (), nullptr)
-OVERRIDE(const AVFilter*, avfilter_get_by_name, (const char* a), (a), nullptr)
-OVERRIDE(int, avfilter_graph_create_filter,
+OVERRIDE(avfilter_graph_alloc, (), (), nullptr)
+OVERRIDE(avfilter_inout_alloc, (), (), nullptr)
+OVERRIDE(avfilter_get_by_name, (const char* a), (a), nullptr)
+OVERRIDE(avfilter_graph_create_filter,
          (AVFilterContext * *a, const AVFilter* b, const char* c, const char* d, void* e, AVFilterGraph* f),
-         (a, b, c, d, e, f), AVERROR(ENOMEM))
-OVERRIDE(int, avfilter_graph_parse_ptr,
+         (a, b, c, d, e, f), -1)
+OVERRIDE(avfilter_graph_parse_ptr,
          (AVFilterGraph * a, const char* b, AVFilterInOut** c, AVFilterInOut** d, void* e), (a, b, c, d, e),
-         AVERROR(ENOMEM))
-OVERRIDE(int, avfilter_graph_config, (AVFilterGraph * a, void* b), (a, b), AVERROR(ENOMEM))
-OVERRIDE(int, av_buffersrc_add_frame, (AVFilterContext * a, AVFrame* b), (a, b), AVERROR(ENOMEM))
-OVERRIDE(int, av_buffersink_get_frame, (AVFilterContext * a, AVFrame* b), (a, b), AVERROR(ENOMEM))
-OVERRIDE(AVFrame*, av_frame_alloc, (), (), nullptr)
-OVERRIDE(int, av_frame_get_buffer, (AVFrame * a, int b), (a, b), AVERROR(ENOMEM))
-OVERRIDE(char*, av_strdup, (const char* a), (a), nullptr)
-OVERRIDE(void*, av_malloc, (size_t a), (a), nullptr)
-OVERRIDE(int, av_image_alloc, (uint8_t * a[4], int b[4], int c, int d, enum AVPixelFormat e, int f),
-         (a, b, c, d, e, f), AVERROR(ENOMEM))
-OVERRIDE(int, av_image_fill_arrays,
+         -1)
+OVERRIDE(avfilter_graph_config, (AVFilterGraph * a, void* b), (a, b), -1)
+OVERRIDE(av_buffersrc_add_frame, (AVFilterContext * a, AVFrame* b), (a, b), -1)
+OVERRIDE(av_buffersink_get_frame, (AVFilterContext * a, AVFrame* b), (a, b), -1)
+OVERRIDE(av_frame_alloc, (), (), nullptr)
+OVERRIDE(av_frame_get_buffer, (AVFrame * a, int b), (a, b), -1)
+OVERRIDE(av_strdup, (const char* a), (a), nullptr)
+OVERRIDE(av_malloc, (size_t a), (a), nullptr)
+OVERRIDE(av_image_alloc, (uint8_t * a[4], int b[4], int c, int d, enum AVPixelFormat e, int f),
+         (a, b, c, d, e, f), -1)
+OVERRIDE(av_image_fill_arrays,
          (uint8_t * a[4], int b[4], const uint8_t* c, enum AVPixelFormat d, int e, int f, int g),
-         (a, b, c, d, e, f, g), AVERROR(EINVAL))
-OVERRIDE(int, av_image_get_buffer_size, (enum AVPixelFormat a, int b, int c, int d), (a, b, c, d),
-         AVERROR(EINVAL))
-OVERRIDE(int, av_channel_layout_describe, (const AVChannelLayout* a, char* b, size_t c), (a, b, c),
-         AVERROR(EINVAL))
-OVERRIDE(const char*, av_get_sample_fmt_name, (enum AVSampleFormat a), (a), nullptr)
-OVERRIDE(int, av_samples_get_buffer_size, (int* a, int b, int c, enum AVSampleFormat d, int e),
-         (a, b, c, d, e), AVERROR(EINVAL))
-OVERRIDE(SwsContext*, sws_getContext,
+         (a, b, c, d, e, f, g), -1)
+OVERRIDE(av_image_get_buffer_size, (enum AVPixelFormat a, int b, int c, int d), (a, b, c, d), -1)
+OVERRIDE(av_channel_layout_describe, (const AVChannelLayout* a, char* b, size_t c), (a, b, c), -1)
+OVERRIDE(av_get_sample_fmt_name, (enum AVSampleFormat a), (a), nullptr)
+OVERRIDE(av_samples_get_buffer_size, (int* a, int b, int c, enum AVSampleFormat d, int e), (a, b, c, d, e),
+         -1)
+OVERRIDE(sws_getContext,
          (int a, int b, enum AVPixelFormat c, int d, int e, enum AVPixelFormat f, int g, SwsFilter* h,
           SwsFilter* i, const double* j),
          (a, b, c, d, e, f, g, h, i, j), nullptr)
-OVERRIDE(int, sws_scale,
+OVERRIDE(sws_scale,
          (SwsContext * a, const uint8_t* const b[], const int c[], int d, int e, uint8_t* const f[],
           const int g[]),
          (a, b, c, d, e, f, g), 0)
@@ -117,47 +114,31 @@ extern "C" bool BaseLib_OperatorHandle_Create(unsigned long long* phHandle, unsi
 {
     static const auto real = reinterpret_cast<decltype(&BaseLib_OperatorHandle_Create)>(
         dlsym(RTLD_NEXT, "BaseLib_OperatorHandle_Create"));
-    State& st_State = TheState();
-    st_State.vec_Log.emplace_back("BaseLib_OperatorHandle_Create");
-    if (st_State.hNext != 0) {
-        *phHandle = std::exchange(st_State.hNext, 0ULL);
-        return true;
+    const std::lock_guard lock(g_Mutex);
+    faults::s_Log.emplace_back("BaseLib_OperatorHandle_Create(" + std::to_string(nLower) + ',' +
+                               std::to_string(nUpper) + ',' + std::to_string(nOption) + ')');
+    const bool bDone = real(phHandle, nLower, nUpper, nOption);
+    if (faults::s_hNext != 0) {
+        *phHandle = std::exchange(faults::s_hNext, 0ULL);
     }
-    return real(phHandle, nLower, nUpper, nOption);
+    return bDone;
 }
 
-namespace faults
+void* operator new(std::size_t nSize)
 {
-
-void Fail(const std::string& szFunction, int nth)
-{
-    TheState().mapCountdown[szFunction] = nth;
+    void* const p =
+        faults::s_nFailNew > 0 && IsFromLibrary(__builtin_return_address(0)) && --faults::s_nFailNew == 0
+            ? nullptr
+            : std::malloc(nSize);
+    return p != nullptr ? p : throw std::bad_alloc();
 }
 
-void FailAtRandom(double nProbability, unsigned nSeed)
+// Where g++ 14 sees the free inlined it misses the malloc.
+[[gnu::noinline]] void operator delete(void* p) noexcept
 {
-    TheState().nProbability = nProbability;
-    TheState().nRandom = nSeed;
+    std::free(p); // NOLINT(cppcoreguidelines-no-malloc)
 }
-
-void NextHandle(unsigned long long hHandle)
+void operator delete(void* p, std::size_t /*nSize*/) noexcept
 {
-    TheState().hNext = hHandle;
+    operator delete(p);
 }
-
-void Reset()
-{
-    TheState() = State{};
-}
-
-std::vector<std::string> Log()
-{
-    return TheState().vec_Log;
-}
-
-int Failed()
-{
-    return TheState().nFailed;
-}
-
-} // namespace faults

@@ -1,81 +1,77 @@
-// The two families that build filter graphs, under one form, and a graph of either.
+// Streams and pictures, and a handle of either family that builds graphs, with every result of its calls checked.
 #pragma once
 
+#include "jobs.h"
 #include "support.h"
 
+#include <cstdint>
 #include <string>
+#include <type_traits>
 
 namespace test
 {
 
-using Handle = unsigned long long;
+using jobs::Handle;
+using jobs::Init;
+using jobs::Inputs;
+using jobs::KindOf;
 
-// The names that differ, and each call with the arguments that do.
-struct Audio {
-    using Info = AVFILTER_AUDIO_INFO;
-    static constexpr Handle kBase = 0x80F0000;
-    static constexpr Handle kNotFound = AVFILTER_ERROR_AUDIO_NOT_FOUND;
-    static constexpr Handle kReceive = AVFILTER_ERROR_AUDIO_RECEIVE_FRAME;
-    static constexpr auto Init = AVFilter_Audio_Init;
-    static constexpr auto Destroy = AVFilter_Audio_Destroy;
-    static constexpr auto MixInit = AVFilter_Audio_MIXInit;
-    static constexpr auto MixRecv = AVFilter_Audio_MIXRecv;
-    static constexpr auto MixDestroy = AVFilter_Audio_MIXDestroy;
-    static bool Cvt(Handle h, unsigned char* p, unsigned char* pOut, int* pnOut)
-    {
-        return AVFilter_Audio_Cvt(h, p, 4, pOut, pnOut);
-    }
-    static bool Send(Handle h, int nId, unsigned char* p) { return AVFilter_Audio_MIXSend(h, nId, p, 4); }
-    static Info Stream(const char* szName) { return AudioInfo(kS16, 48000, 480, 2, szName); }
-};
+// FFmpeg's numbers, spelled out: the library takes them as plain integers.
+inline constexpr int kS16 = 1;
+inline constexpr int kFloat = 3;
+inline constexpr int kS16Planar = 6;
+inline constexpr int kYuv420p = 0;
 
-struct Video {
-    using Info = AVFILTER_VIDEO_INFO;
-    static constexpr Handle kBase = 0x80F1000;
-    static constexpr Handle kNotFound = AVFILTER_ERROR_VIDEO_NOT_FOUND;
-    static constexpr Handle kReceive = AVFILTER_ERROR_VIDEO_RECEIVE_FRAME;
-    static constexpr auto Init = AVFilter_Video_Init;
-    static constexpr auto Destroy = AVFilter_Video_Destroy;
-    static constexpr auto MixInit = AVFilter_Video_MIXInit;
-    static constexpr auto MixRecv = AVFilter_Video_MIXRecv;
-    static constexpr auto MixDestroy = AVFilter_Video_MIXDestroy;
-    static bool Cvt(Handle h, unsigned char* p, unsigned char* pOut, int* pnOut)
-    {
-        return AVFilter_Video_Cvt(h, p, p, p, 1, 1, 1, pOut, pnOut);
-    }
-    static bool Send(Handle h, int nId, unsigned char* p)
-    {
-        return AVFilter_Video_MIXSend(h, nId, p, p, p, 1, 1, 1);
-    }
-    static Info Stream(const char* szName) { return VideoInfo(32, 16, 25, kYuv420p, szName); }
-};
+// The name of a filter's stream is not read.
+template <class Info>
+Info Named(Info st_Info, const std::string& name, int nInputId = 0)
+{
+    st_Info.szName[name.copy(st_Info.szName, sizeof(st_Info.szName) - 1)] = '\0';
+    st_Info.nInputId = nInputId;
+    return st_Info;
+}
+inline AVFILTER_AUDIO_INFO AudioInfo(int nFormat, int nRate, int nSamples, int nChannels)
+{
+    return {"in", nFormat, nRate, nSamples, nChannels, 0, -1};
+}
+inline AVFILTER_VIDEO_INFO VideoInfo(int nWidth, int nHeight, int nTimeBase = 25, int nFormat = kYuv420p)
+{
+    return {"in", nWidth, nHeight, nTimeBase, nFormat, 0};
+}
 
-template <class Family>
+template <class Info>
 class Graph
 {
   public:
-    using Info = typename Family::Info;
-
     // A filter, and a mix.
-    Graph(const std::string& descr, Info st_Info) : m_bMix(false)
+    Graph(const std::string& descr, Info st_Info) : m_Kind(KindOf<Info>(false))
     {
-        EXPECT_OK(Family::Init(&m_hHandle, descr.c_str(), &st_Info));
+        EXPECT_OK(Init(&m_hHandle, descr.c_str(), &st_Info));
     }
-    Graph(const std::string& descr, std::vector<Info> vec_Infos) : m_bMix(true)
+    Graph(const std::string& descr, std::vector<Info> vec_Infos) : m_Kind(KindOf<Info>(true))
     {
-        InfoArray<Info> infos(std::move(vec_Infos));
-        EXPECT_OK(Family::MixInit(&m_hHandle, infos.Get(), infos.Count(), "out", descr.c_str()));
+        Inputs<Info> inputs(std::move(vec_Infos));
+        EXPECT_OK(Init(&m_hHandle, inputs.Get(), inputs.Count(), "out", descr.c_str()));
     }
-    ~Graph() { EXPECT_OK(m_bMix ? Family::MixDestroy(m_hHandle) : Family::Destroy(m_hHandle)); }
+    ~Graph() { EXPECT_OK(m_Kind.Destroy(m_hHandle)); }
     Graph(const Graph&) = delete;
     Graph& operator=(const Graph&) = delete;
 
     Handle Get() const { return m_hHandle; }
 
+    // What comes out; nothing if the graph gives nothing, with that reported and nothing written. The receiving calls
+    // of mixes know the handles of audio filters.
+    template <class Item = unsigned char>
+    std::vector<Item> Recv() const
+    {
+        return Take<Item>([this](unsigned char* pOut, int* pnOut) {
+            return KindOf<Info>(true).Take(m_hHandle, {}, pOut, pnOut);
+        });
+    }
+
   protected:
-    // What the call gives out; nothing if the graph gave nothing, with that reported and nothing written.
     template <class Item, class Call>
-    static std::vector<Item> Take(const Call& call)
+    std::vector<Item> Take(const Call& call) const
     {
         GuardedBuffer out(std::size_t{1} << 19);
         int nOut = -5;
@@ -84,7 +80,7 @@ class Graph
         if (bDone) {
             EXPECT_FALSE(AVFilter_IsErrorOccur);
         } else {
-            ExpectFailure(bDone, Family::kReceive);
+            ExpectFailure(bDone, m_Kind.nBase + 9);
             EXPECT_EQ(nOut, -5);
         }
         unsigned char* const pEnd = out.Data() + std::max(nOut, 0);
@@ -94,33 +90,129 @@ class Graph
     }
 
   private:
+    const jobs::Kind& m_Kind;
     Handle m_hHandle = 0;
-    bool m_bMix;
 };
 
-// A graph that must be refused, by the mixing initialiser and, where its one input is "in", by the other.
-// The code is the family's, without its base; kUnlinked stands for two.
-template <class Family>
+class AudioGraph : public Graph<AVFILTER_AUDIO_INFO>
+{
+  public:
+    using Graph::Graph;
+
+    template <class Sample>
+    bool Send(int nId, const std::vector<Sample>& samples, int nBytes) const
+    {
+        GuardedBuffer in(samples.size() * sizeof(Sample));
+        std::copy(samples.begin(), samples.end(), reinterpret_cast<Sample*>(in.Data()));
+        return AVFilter_Audio_MIXSend(Get(), nId, in.Data(), nBytes);
+    }
+    template <class Sample>
+    void Send(int nId, const std::vector<Sample>& samples) const
+    {
+        EXPECT_OK(Send(nId, samples, static_cast<int>(samples.size() * sizeof(Sample))));
+    }
+    // One block with its padding.
+    template <class Sample = std::int16_t>
+    std::vector<Sample> Cvt() const
+    {
+        return Take<Sample>([this](unsigned char* pOut, int* pnOut) {
+            return AVFilter_Audio_Cvt(Get(), pOut, 1, pOut, pnOut);
+        });
+    }
+};
+
+// An 8-bit 4:2:0 picture of noise: its planes one after another, chroma sizes rounded up.
+struct Picture {
+    Picture(int nWidth_, int nHeight_, unsigned nSeed = 1)
+        : nWidth(nWidth_), nHeight(nHeight_), nLuma(nWidth * nHeight),
+          nChroma(((nWidth + 1) / 2) * ((nHeight + 1) / 2)),
+          bytes(Noise(static_cast<std::size_t>(nLuma) + 2 * static_cast<std::size_t>(nChroma), nSeed))
+    {
+    }
+    unsigned char* Plane(int i) { return bytes.data() + (i == 0 ? 0 : nLuma + (i - 1) * nChroma); }
+
+    // As the library gives it out: without the last chroma column or row of an odd size.
+    Bytes Packed() const
+    {
+        Bytes packed(bytes.begin(), bytes.begin() + nLuma);
+        for (int i = 0; i < 2; ++i) {
+            for (int row = 0; row < nHeight / 2; ++row) {
+                const int nStart = nLuma + i * nChroma + row * ((nWidth + 1) / 2);
+                const auto start = bytes.begin() + nStart;
+                packed.insert(packed.end(), start, start + nWidth / 2);
+            }
+        }
+        return packed;
+    }
+
+    int nWidth;
+    int nHeight;
+    int nLuma;
+    int nChroma;
+    Bytes bytes;
+};
+
+class VideoGraph : public Graph<AVFILTER_VIDEO_INFO>
+{
+  public:
+    using Graph::Graph;
+
+    bool Send(int nInputId, Picture& picture, bool bWhole = false) const
+    {
+        return AVFilter_Video_MIXSend(Get(), nInputId, picture.Plane(0),
+                                      bWhole ? nullptr : picture.Plane(1), picture.Plane(2), picture.nLuma,
+                                      picture.nChroma, picture.nChroma);
+    }
+    // One picture through a filter, or through input 0 of a mix, from memory that can only be read.
+    Bytes Run(Picture picture, bool bWhole, bool bMix = false) const
+    {
+        const auto nChroma = static_cast<std::size_t>(bWhole ? 0 : picture.nChroma);
+        GuardedBuffer y(picture.bytes.size() - 2 * nChroma);
+        GuardedBuffer u(nChroma);
+        GuardedBuffer v(nChroma);
+        std::copy_n(picture.bytes.begin(), y.Size(), y.Data());
+        std::copy_n(picture.Plane(1), nChroma, u.Data());
+        std::copy_n(picture.Plane(2), nChroma, v.Data());
+        for (GuardedBuffer* pPlane : {&y, &u, &v}) {
+            pPlane->Protect();
+        }
+        // Either chroma pointer missing means a whole picture, whose counts are not looked at.
+        unsigned char* const pU = bWhole && picture.bytes[0] % 2 == 0 ? nullptr : u.Data();
+        unsigned char* const pV = bWhole && pU != nullptr ? nullptr : v.Data();
+        const int nY = bWhole ? -1 : picture.nLuma;
+        const int nUV = bWhole ? -1 : picture.nChroma;
+        if (bMix) {
+            EXPECT_OK(AVFilter_Video_MIXSend(Get(), 0, y.Data(), pU, pV, nY, nUV, nUV));
+            return Recv();
+        }
+        return Take<unsigned char>([&](unsigned char* pOut, int* pnOut) {
+            return AVFilter_Video_Cvt(Get(), y.Data(), pU, pV, nY, nUV, nUV, pOut, pnOut);
+        });
+    }
+};
+
+// Graphs that must be refused, by the mixing initialiser and, where the one input is "in", by the other. The code is
+// the family's, without its base; kUnlinked stands for two.
+template <class Info>
 struct Refused {
     std::string descr;
-    std::vector<typename Family::Info> vec_Inputs;
+    std::vector<Info> vec_Inputs;
     Handle nCode;
     const char* szOut = "out";
 };
-
-template <class Family>
-void ExpectRefused(const std::vector<Refused<Family>>& vec_Cases)
+template <class Info>
+void ExpectRefused(const std::vector<Refused<Info>>& vec_Cases)
 {
-    for (const Refused<Family>& st : vec_Cases) {
+    const Handle nBase = KindOf<Info>(true).nBase;
+    for (const Refused<Info>& st : vec_Cases) {
         SCOPED_TRACE(st.descr + ", case " + std::to_string(&st - vec_Cases.data()));
         Handle hHandle = 42;
-        const Handle nCode = st.nCode == kUnlinked ? kUnlinked : Family::kBase + st.nCode;
-        InfoArray<typename Family::Info> infos(st.vec_Inputs);
-        const char* const szDescr = st.descr.c_str();
-        const KeepsMemoryByContract keeps(Family::kBase == Audio::kBase);
-        ExpectFailure(Family::MixInit(&hHandle, infos.Get(), infos.Count(), st.szOut, szDescr), nCode);
+        const Handle nCode = st.nCode == kUnlinked ? kUnlinked : nBase + st.nCode;
+        Inputs<Info> inputs(st.vec_Inputs);
+        const KeepsMemoryByContract keeps(std::is_same_v<Info, AVFILTER_AUDIO_INFO>);
+        ExpectFailure(Init(&hHandle, inputs.Get(), inputs.Count(), st.szOut, st.descr.c_str()), nCode);
         if (std::string(st.vec_Inputs[0].szName) == "in") {
-            ExpectFailure(Family::Init(&hHandle, szDescr, infos.Pointers()[0]), nCode);
+            ExpectFailure(Init(&hHandle, st.descr.c_str(), (*inputs.Get())[0]), nCode);
         }
         EXPECT_EQ(hHandle, 42U);
     }

@@ -13,11 +13,11 @@ cd "$work/files"
 while read -r name file; do
     ln -s "$media/$file" "$name"
 done <<'LINKS'
-clip.mp4 realshort.mp4
+clip.mp4 clip.mp4
 cam.mp4 cam.mp4
-screen.mp4 realshort.mp4
+screen.mp4 clip.mp4
 green.mp4 green.mp4
-photo.png chelsea.png
+photo.png train.png
 logo.png logo.png
 voice.wav Front_Left.wav
 other.wav Rear_Left.wav

@@ -1,0 +1,145 @@
+// What happens around calls that run on other threads: the process exits, or forks.
+
+#include "support/jobs.h"
+
+#include <gtest/gtest.h>
+
+extern "C" {
+#include <libavutil/log.h>
+}
+
+#include <atomic>
+#include <chrono>
+#include <cstdarg>
+#include <cstdlib>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+
+namespace
+{
+
+using jobs::Demand;
+
+constexpr jobs::Size kSmall{64, 48, 480};
+
+// Made before the exit, and released after the library's own end.
+jobs::Job* g_pLate = nullptr;
+
+void OneOfEach()
+{
+    for (const jobs::Kind& kind : jobs::kKinds) {
+        jobs::Job(kind, kSmall, 1).Convert();
+    }
+}
+
+void AtTheVeryEnd()
+{
+    if (g_pLate != nullptr) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(60));
+        g_pLate->Convert();
+        delete g_pLate;
+        OneOfEach();
+    }
+}
+// Earlier than any library's constructors, so that it runs after all destructors.
+[[gnu::section(".preinit_array"), gnu::used]] void (*g_pRegister)() = [] { std::atexit(AtTheVeryEnd); };
+
+// Threads that work on all jobs, handles coming and going, until the process is gone.
+void KeepBusy()
+{
+    static std::atomic<int> nStarted = 0;
+    for (const jobs::Kind& kind : jobs::kKinds) {
+        std::thread([&kind] {
+            for (;; ++nStarted) {
+                jobs::Job job(kind, {640, 360, 24000}, 1);
+                for (int i = 0; i < 5; ++i) {
+                    job.Convert();
+                }
+            }
+        }).detach();
+    }
+    while (nStarted < 10) {
+        std::this_thread::yield();
+    }
+}
+
+// A child that is killed if it hangs.
+pid_t Fork()
+{
+    const pid_t pid = fork();
+    if (pid == 0) {
+        alarm(20);
+    }
+    return pid;
+}
+
+// In the child: works, and ends. In the parent: whether the child came so far.
+bool WorksIn(pid_t pid)
+{
+    if (pid == 0) {
+        OneOfEach();
+        _exit(0);
+    }
+    int nStatus = -1;
+    return waitpid(pid, &nStatus, 0) == pid && nStatus == 0;
+}
+
+TEST(Process, ExitsWhileCallsRunAndServesTheLast)
+{
+    for (int i = 0; i < 8; ++i) {
+        EXPECT_EXIT(
+            {
+                alarm(20);
+                g_pLate = new jobs::Job(jobs::kKinds[jobs::kScaler], kSmall, 1);
+                KeepBusy();
+                std::exit(0);
+            },
+            testing::ExitedWithCode(0), "");
+    }
+}
+
+TEST(Process, ForksWhileCallsRun)
+{
+    EXPECT_EXIT(
+        {
+            alarm(60);
+            KeepBusy();
+            for (int i = 0; i < 20; ++i) {
+                Demand(WorksIn(Fork()), "fork");
+            }
+            OneOfEach();
+            _exit(0);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+// "ashowinfo" writes a message of every block that passes, "volumedetect" one at its end.
+TEST(Process, ForksInsideItsOwnCalls)
+{
+    static bool bFork = false;
+    static pid_t child = -1;
+    av_log_set_callback([](void*, int, const char*, va_list) {
+        if (std::exchange(bFork, false)) {
+            child = Fork();
+        }
+    });
+    for (const bool bInDestroy : {false, true}) {
+        child = -1;
+        const jobs::Kind& mix = jobs::kKinds[jobs::kAudioMix];
+        jobs::Handle h = 0;
+        ASSERT_TRUE(mix.Create(&h, kSmall, "[a]ashowinfo,volumedetect[out]"));
+        unsigned char block[1920] = {};
+        int nLen = 0;
+        bFork = !bInDestroy;
+        ASSERT_TRUE(AVFilter_Audio_MIXSend(h, 0, block, sizeof(block)));
+        ASSERT_TRUE(AVFilter_Audio_MIXRecv(h, block, &nLen));
+        bFork = bInDestroy;
+        ASSERT_TRUE(AVFilter_Audio_MIXDestroy(h));
+        EXPECT_TRUE(WorksIn(child)) << bInDestroy;
+    }
+    av_log_set_callback(av_log_default_callback);
+}
+
+} // namespace
