@@ -1,30 +1,30 @@
 #!/usr/bin/env bash
 # Measures the library's speed beside FFmpeg called by hand, the ffmpeg command and other libraries.
 #
-#   ./bench.sh          everything (under ten minutes), into docs/speed.md and docs/speed.svg;
-#                       wants a machine that does nothing else
+#   ./bench.sh          everything (under six minutes), into docs/speed.md; wants a machine that does nothing else
 #   ./bench.sh quick    a smoke check (under a minute): the figures mean nothing and go nowhere
 set -euo pipefail
-cd "$(dirname "$0")"
-. cmake/deps.sh
+cd "$(dirname "${BASH_SOURCE[0]}")"
+source scripts/deps.sh
 
-BENCH_PACKAGES=(libbenchmark-dev libyuv-dev libzimg-dev ffmpeg python3 valgrind)
 need_packages "${BUILD_PACKAGES[@]}" "${BENCH_PACKAGES[@]}"
-
-cmake --preset release -B build/bench -DTELVANE_BUILD_BENCH=ON -DTELVANE_BUILD_EXAMPLES=OFF --log-level=WARNING
+cmake -B build/bench -G Ninja --log-level=WARNING -DCMAKE_BUILD_TYPE=Release -DTELVANE_BUILD_BENCH=ON \
+    -DTELVANE_BUILD_TESTS=OFF -DTELVANE_BUILD_EXAMPLES=OFF
 cmake --build build/bench
 
-arguments=()
-[ "${1:-}" = quick ] && arguments+=(--quick)
-results=build/bench/speed.json
 echo "== measuring"
-build/bench/bin/speed "${arguments[@]}" --benchmark_out="$results" --benchmark_out_format=json \
-    >build/bench/speed.log 2>&1 || { tail -n 20 build/bench/speed.log >&2; exit 1; }
-bench/percall.sh build/bench | tee build/bench/percall.txt
+{
+    printf '<!-- measured: machine -->\nMeasured by `./bench.sh` on %s: %s, %s processors, FFmpeg %s.\n<!-- end -->\n' \
+        "$(date +%F)" "$(lscpu | sed -n 's/^Model name: *//p')" "$(nproc)" "$(ffmpeg -version | sed -n '1s/^ffmpeg version \([^ ]*\).*/\1/p')"
+    build/bench/bin/speed "$@"
+} | tee build/bench/speed.md
+if [[ ${1:-} == quick ]]; then exit; fi
 
-if [ "${1:-}" = quick ]; then
-    python3 bench/report.py "$results" build/bench/percall.txt
-else
-    python3 bench/report.py "$results" build/bench/percall.txt docs/speed.md docs/speed.svg
-    echo "== written: docs/speed.md docs/speed.svg"
-fi
+# What stands between "<!-- measured: NAME -->" and the next "<!-- end -->" is replaced.
+awk '/^<!-- end/ { name = ""; skip = 0 }
+     NR == FNR { if (name) text[name] = text[name] $0 "\n" }
+     NR != FNR && !skip { print }
+     /^<!-- measured/ { name = $0; skip = NR != FNR; if (skip) printf "%s", text[name] }' \
+    build/bench/speed.md docs/speed.md >build/bench/new.md
+cp build/bench/new.md docs/speed.md
+echo "== written: docs/speed.md"
