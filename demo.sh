@@ -12,7 +12,7 @@ if [[ $# -gt 1 || ($# == 1 && ! -r $1) ]]; then
 fi
 main=${1:+$(realpath -- "$1")}
 cd "$(dirname "${BASH_SOURCE[0]}")"
-source cmake/deps.sh
+source scripts/deps.sh
 
 out=demo-out
 log=build/demo.log
@@ -31,19 +31,22 @@ trap finish EXIT
 
 echo "== packages, library, tool"
 need_packages "${BUILD_PACKAGES[@]}" "${TOOL_PACKAGES[@]}" ffmpeg
-cmake --preset release -B build/demo -DTELVANE_BUILD_TOOLS=ON -DTELVANE_BUILD_EXAMPLES=OFF >>"$log" 2>&1
+cmake -B build/demo -G Ninja -DCMAKE_BUILD_TYPE=Release -DTELVANE_BUILD_TOOLS=ON -DTELVANE_BUILD_TESTS=OFF \
+    -DTELVANE_BUILD_EXAMPLES=OFF >>"$log" 2>&1
 cmake --build build/demo
 if [[ ! -f build/media/complete ]]; then
-    echo "== clips, photographs and voices: downloading python3-imageio, python3-skimage and alsa-utils, not installing them"
-    tests/tools/media.sh build/media
+    echo "== clips, photographs and voices: downloading forensics-samples-files and alsa-utils, not installing them"
+    tests/tool/media.sh build/media
 fi
 media=build/media
-main=${main:-$media/cockatoo.mp4}
+length=${main:+5}
+main=${main:-$media/dog.mp4}
 
 # Prints a command as one can type it here, and runs it.
 n=0
 run() {
     local word
+    [[ $1 == probe ]] || set -- "$@" --force # what an earlier run left
     printf '\n[%d of 6] build/demo/bin/telvane-avfilter' $((++n))
     for word in "$@"; do
         if [[ $word == *[^a-zA-Z0-9_./=:-]* ]]; then printf " '%s'" "$word"; else printf ' %s' "$word"; fi
@@ -52,10 +55,10 @@ run() {
     build/demo/bin/telvane-avfilter "$@"
 }
 run probe --video "edgedetect=low=0.06:high=0.16" "$main"
-run video "curves=preset=vintage,vignette" "$main" "$out/vintage.mp4" --length 5
-run mix-video "[inset]scale=320:-2,pad=iw+8:ih+8:4:4:white[i];[main][i]overlay=W-w-24:H-h-24" \
-    --in main="$main" --in inset="$media/realshort.mp4" "$out/picture-in-picture.mp4" --length 5
-run scale 371x250 "$media/motorcycle_left.png" "$out/motorcycle.png"
+run video "curves=preset=vintage,vignette" "$main" "$out/vintage.mp4" --length "${length:-1.5}"
+run mix-video "[speaker]crop=252:190:114:83,scale=400:-2,pad=iw+8:ih+8:4:4:white[inset];[main][inset]overlay=W-w-24:H-h-24" \
+    --in main="$main" --in speaker="$media/speaker.mp4" "$out/picture-in-picture.mp4" --length "${length:-1.5}"
+run scale 371x278 "$media/train.jpg" "$out/train.png"
 run audio "highpass=f=150,aecho=0.8:0.7:250|400:0.4|0.25" "$media/Front_Left.wav" "$out/echo.wav"
 run mix-audio "[fl]pan=stereo|c0=c0[a];[fr]adelay=1000,pan=stereo|c1=c0[b];
     [rl]adelay=2000,lowpass=f=3000,pan=stereo|c0=0.6*c0|c1=0.15*c0[c];
@@ -78,11 +81,11 @@ m=0
 cell "what came in" "$main"
 cell "video\: vintage.mp4" "$out/vintage.mp4"
 cell "mix-video\: picture-in-picture.mp4" "$out/picture-in-picture.mp4"
-cell "scale 371x250\: motorcycle.png" "$out/motorcycle.png"
+cell "scale 371x278\: train.png" "$out/train.png"
 cell "audio\: echo.wav" "$out/echo.wav"
 cell "mix-audio\: voices.flac, left and right" "$out/voices.flac"
 ffmpeg -hide_banner -nostdin -loglevel error -y -i "$cells/%d.png" -vf tile=3x2:padding=6:margin=6:color=gray \
     -frames:v 1 -update 1 "$out/contact-sheet.png" 2>>"$log"
 
 printf '\n== done in %s s; in demo-out/:\n' "$SECONDS"
-(cd "$out" && du -h --apparent-size -- contact-sheet.png vintage.mp4 picture-in-picture.mp4 motorcycle.png echo.wav voices.flac)
+(cd "$out" && du -h --apparent-size -- contact-sheet.png vintage.mp4 picture-in-picture.mp4 train.png echo.wav voices.flac)

@@ -4,12 +4,12 @@
 #   ./test.sh            the dev preset
 #   ./test.sh PRESET     another one of CMakePresets.json: clang, asan-ubsan, tsan
 set -euo pipefail
-cd "$(dirname "$0")"
-. cmake/deps.sh
+cd "$(dirname "${BASH_SOURCE[0]}")"
+source scripts/deps.sh
 
 preset=${1:-dev}
-packages=("${BUILD_PACKAGES[@]}" "${TOOL_PACKAGES[@]}" "${TEST_PACKAGES[@]}")
-[ "$preset" = clang ] && packages+=(clang)
+packages=("${BUILD_PACKAGES[@]}" "${TOOL_PACKAGES[@]}" "${PYTHON_PACKAGES[@]}" "${TEST_PACKAGES[@]}")
+if [[ $preset == clang ]]; then packages+=(clang "${BENCH_PACKAGES[@]}"); fi
 need_packages "${packages[@]}"
 
 echo "== configuring ($preset)"

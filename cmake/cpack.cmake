@@ -1,30 +1,41 @@
-# Debian packages, by `cpack` in the build directory. Configure for them as tools/check-packages.sh does:
-# prefix /usr, which also chooses the multiarch directory, and no run path.
+# Debian packages, by `cpack` in the build directory. Configure for them as scripts/check-packages.sh does:
+# prefix /usr, which also chooses the multiarch directory, and who makes them in CPACK_PACKAGE_CONTACT.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME telvane-avfilter)
-set(CPACK_PACKAGE_VENDOR Telvane)
-set(CPACK_PACKAGE_CONTACT "Telvane maintainers <maintainers@telvane.example>"
-  CACHE STRING "Maintainer named in the packages")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-
-set(CPACK_COMPONENTS_ALL runtime development)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY ${PROJECT_DESCRIPTION})
-set(description
-"A shared library with a plain C interface that runs FFmpeg filter graphs and
-the FFmpeg scaler over raw audio and video in the caller's own buffers: audio
-filtering and mixing, video filtering and mixing, video scaling.")
-
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libtelvane-avfilter${PROJECT_VERSION_MAJOR})
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_DESCRIPTION ${description})
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+# The library is no installed package when the others' dependencies are looked up.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/lib)
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY ${PROJECT_DESCRIPTION})
+
+# telvane_package(COMPONENT NAME SECTION TEXT): a package with what is installed as COMPONENT.
+set(CPACK_COMPONENTS_ALL "")
+set(library libtelvane-avfilter${PROJECT_VERSION_MAJOR})
+macro(telvane_package component name section text)
+  list(APPEND CPACK_COMPONENTS_ALL ${component})
+  string(TOUPPER ${component} prefix)
+  string(PREPEND prefix CPACK_DEBIAN_)
+  set(${prefix}_PACKAGE_NAME ${name})
+  set(${prefix}_PACKAGE_SECTION ${section})
+  set(${prefix}_DESCRIPTION
+"A shared library with a plain C interface that runs FFmpeg filter graphs and
+the FFmpeg scaler over raw audio and video in the caller's own buffers: audio
+filtering and mixing, video filtering and mixing, video scaling.
+.
+${text}")
+  if(NOT ${component} STREQUAL runtime)
+    set(${prefix}_PACKAGE_DEPENDS "${library} (= ${PROJECT_VERSION})")
+  endif()
+endmacro()
+
+telvane_package(runtime ${library} libs "This package holds the library.")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
 # CPack would add scripts that call ldconfig. Files of their names that are not there keep it from
 # doing so; the trigger does their work.
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
@@ -33,26 +44,23 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
   ${CMAKE_CURRENT_LIST_DIR}/none/postrm)
 
 # The C header needs the library alone. The C++ layer includes two headers of libavutil.
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libtelvane-avfilter-dev)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-  "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION})")
+telvane_package(development libtelvane-avfilter-dev libdevel
+  "This package holds the headers and what pkg-config and CMake need.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS libavutil-dev)
-set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
-"${description}\n.\nThis package holds the headers and what pkg-config and CMake need.")
 
 if(TELVANE_BUILD_TOOLS)
-  list(APPEND CPACK_COMPONENTS_ALL tools)
-  set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME telvane-avfilter)
-  set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION video)
-  set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
-  # The library is no installed package when the dependencies are looked up.
-  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/lib)
-  set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
-    "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION})")
-  set(CPACK_DEBIAN_TOOLS_DESCRIPTION
-"${description}\n.\nThis package holds the command telvane-avfilter, which does these jobs
-on media files.")
+  telvane_package(tool telvane-avfilter video
+    "This package holds the command telvane-avfilter, which does these jobs\non media files.")
+  set(CPACK_DEBIAN_TOOL_PACKAGE_SHLIBDEPS ON)
+endif()
+
+if(TELVANE_BUILD_PYTHON)
+  telvane_package(python python3-telvane-avfilter python
+    "This package holds the Python module telvane_avfilter, which does these jobs\non NumPy arrays.")
+  string(APPEND CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS ", ${TELVANE_PYTHON_DEPENDS}")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
+    ${CMAKE_CURRENT_LIST_DIR}/python/postinst ${CMAKE_CURRENT_LIST_DIR}/python/prerm)
 endif()
 
 # Each package's documents, written when the packages are made.

@@ -2,15 +2,17 @@
 # Debian packages: lists of what is needed, and ways to get it. Sourced by bash scripts that run
 # under "set -o pipefail".
 
+# libavfilter-dev brings libpostproc-dev up to FFmpeg 7; later ones have none.
 BUILD_PACKAGES=(
     g++ cmake ninja-build pkg-config
-    libavcodec-dev libavdevice-dev libavfilter-dev libavformat-dev libavutil-dev
-    libpostproc-dev libswresample-dev libswscale-dev
+    libavcodec-dev libavdevice-dev libavfilter-dev libavformat-dev libavutil-dev libswresample-dev libswscale-dev
 )
 TOOL_PACKAGES=(libcli11-dev libfmt-dev nlohmann-json3-dev)
-TEST_PACKAGES=(libgtest-dev ffmpeg bsdutils)
-CHECK_PACKAGES=(clang clang-format clang-tidy valgrind doxygen)
-CONSUMER_PACKAGES=(make python3-numpy python3-pip python3-setuptools python3-wheel)
+PYTHON_PACKAGES=(pybind11-dev python3-dev)
+TEST_PACKAGES=(libgtest-dev ffmpeg bsdutils mypy python3-numpy)
+CHECK_PACKAGES=(clang clang-format clang-tidy doxygen shellcheck valgrind)
+BENCH_PACKAGES=(libyuv-dev libzimg-dev ffmpeg)
+CONSUMER_PACKAGES=(make python3-pip python3-pybind11 python3-setuptools python3-wheel)
 
 # apt-get without questions, its many lines counted instead of shown; on failure the last ones.
 _apt_get() {
