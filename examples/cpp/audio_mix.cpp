@@ -19,7 +19,7 @@ static void Run(const Arguments& args)
         inputs.push_back({"in" + std::to_string(files.size()), {AV_SAMPLE_FMT_S16, kRate, 1, 1024}});
         files.push_back(Open<std::ifstream>(args[i]));
     }
-    telvane::AudioMixer mixer(inputs, args[1], {AV_SAMPLE_FMT_S16, kRate, 2, 1024});
+    telvane::AudioMixer mixer(inputs, args[1], telvane::AudioStream{AV_SAMPLE_FMT_S16, kRate, 2, 1024});
     auto out = Open<std::ofstream>(args[2]);
     std::vector<std::byte> inBlock(mixer.InputBytes());
     std::vector<std::byte> outBlock(mixer.OutputBytes());
@@ -37,8 +37,8 @@ static void Run(const Arguments& args)
             Read(files[i], inBlock);
             mixer.Send(i, inBlock);
         }
-        while (const auto nSize = mixer.Receive(outBlock)) {
-            const std::size_t nUsed = std::min(*nSize, nWanted);
+        while (const auto received = mixer.Receive(outBlock)) {
+            const std::size_t nUsed = std::min(received.bytes, nWanted);
             Write(out, std::span(outBlock).first(nUsed));
             nWanted -= nUsed;
         }

@@ -5,9 +5,12 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <exception>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -24,6 +27,17 @@ Stream Open(const std::string& name)
     }
     file.exceptions(std::ios::badbit);
     return file;
+}
+
+// How many pieces of so many bytes a file holds; nothing for pipes, whose streams then do not end.
+inline std::optional<std::int64_t> Count(const std::string& name, std::size_t nBytes)
+{
+    if (!std::filesystem::is_regular_file(name)) {
+        std::cerr << name
+                  << ": no file, so its length is unknown: filters keep what they hold at the end\n";
+        return std::nullopt;
+    }
+    return static_cast<std::int64_t>(std::filesystem::file_size(name) / nBytes);
 }
 
 // Returns the number of bytes read and fills the rest with zeros.

@@ -13,11 +13,14 @@
 static void Run(const Arguments& args)
 {
     const telvane::Picture picture{AV_PIX_FMT_YUV420P, std::stoi(args[1]), std::stoi(args[2])};
-    // Made even: of an odd size the last chroma column or row would not come out.
-    const int nOutWidth = (args.size() == 8 ? std::stoi(args[6]) : picture.width) + 1;
-    const int nOutHeight = (args.size() == 8 ? std::stoi(args[7]) : picture.height) + 1;
-    telvane::VideoFilter filter({picture, std::stoi(args[3])}, args[4],
-                                telvane::Size{nOutWidth / 2 * 2, nOutHeight / 2 * 2});
+    telvane::Picture outFormat = picture;
+    if (args.size() == 8) {
+        outFormat.width = std::stoi(args[6]);
+        outFormat.height = std::stoi(args[7]);
+    }
+    const telvane::VideoStream stream{
+        picture, {std::stoi(args[3])}, Count(args[0], telvane::PictureBytes(picture))};
+    telvane::VideoFilter filter(stream, args[4], outFormat);
     auto in = Open<std::ifstream>(args[0]);
     auto out = Open<std::ofstream>(args[5]);
     std::vector<std::byte> inPicture(filter.InputBytes());

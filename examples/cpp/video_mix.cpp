@@ -16,9 +16,9 @@ static void Run(const Arguments& args)
     const auto picture = [&](std::size_t i) {
         return telvane::Picture{AV_PIX_FMT_YUV420P, std::stoi(args[i]), std::stoi(args[i + 1])};
     };
-    // Made even: of an odd size the last chroma column or row would not come out.
-    const telvane::Size size{(std::stoi(args[9]) + 1) / 2 * 2, (std::stoi(args[10]) + 1) / 2 * 2};
-    telvane::VideoMixer mixer({{"in0", {picture(1), nRate}}, {"in1", {picture(4), nRate}}}, args[7], size);
+    const telvane::Picture outFormat{AV_PIX_FMT_YUV420P, std::stoi(args[9]), std::stoi(args[10])};
+    telvane::VideoMixer mixer({{"in0", {picture(1), {nRate}}}, {"in1", {picture(4), {nRate}}}}, args[7],
+                              outFormat);
     auto in0 = Open<std::ifstream>(args[0]);
     auto in1 = Open<std::ifstream>(args[3]);
     auto out = Open<std::ofstream>(args[8]);
