@@ -102,6 +102,11 @@ TEST(Process, ExitsWhileCallsRunAndServesTheLast)
 
 TEST(Process, ForksWhileCallsRun)
 {
+#ifdef __SANITIZE_ADDRESS__
+    // It leaves its allocator's locks taken in the child (g++ 12): without the library, too, 4 of 100
+    // children that were forked beside threads that allocate hung.
+    GTEST_SKIP() << "AddressSanitizer's allocator does not survive a fork beside working threads";
+#endif
     EXPECT_EXIT(
         {
             alarm(60);
