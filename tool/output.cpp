@@ -578,6 +578,10 @@ void Output::RefuseUnused(AVDictionary* pOptions) const
 
 void Output::Create()
 {
+    if (!m_bPipe) {
+        m_Part = PartOf(m_Target); // throws: the options below are freed by hand
+        RemoveOnSignal(m_Part);
+    }
     AVDictionary* pOptions = Options("");
     if (std::string_view(m_pFormat->name) == "mp4" || std::string_view(m_pFormat->name) == "mov" ||
         std::string_view(m_pFormat->name) == "ipod") {
@@ -585,10 +589,6 @@ void Output::Create()
                     AV_DICT_DONT_OVERWRITE);
     }
     int nOpened = 0;
-    if (!m_bPipe) {
-        m_Part = PartOf(m_Target);
-        RemoveOnSignal(m_Part);
-    }
     const std::string url =
         m_bPipe ? (m_Wish.path == "-" || IsSameAsStdout(m_Wish.path) ? "pipe:1" : "file:" + m_Target)
                 : "file:" + m_Part;
