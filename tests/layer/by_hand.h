@@ -11,87 +11,46 @@ extern "C" {
 #include <libavfilter/buffersrc.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/imgutils.h>
-#include <libavutil/opt.h>
 }
 
 #include <map>
 #include <memory>
 #include <string>
+#include <type_traits>
+#include <utility>
 
 namespace by_hand
 {
 
 // What comes out: microseconds, and the bytes of a picture or block.
-struct Item {
-    std::int64_t nTime = 0;
-    test::Bytes bytes;
-    bool operator==(const Item&) const = default;
-};
-using Items = std::vector<Item>;
+using Items = std::vector<std::pair<std::int64_t, test::Bytes>>;
 using Contents = std::vector<test::Bytes>; // of the pictures or blocks of an input
 constexpr std::size_t kMostItems = 100;    // of a description, which may be endless
 
-struct FreeFrame {
+struct Free {
     void operator()(AVFrame* p) const { av_frame_free(&p); }
-};
-using Frame = std::unique_ptr<AVFrame, FreeFrame>;
-struct FreeGraph {
     void operator()(AVFilterGraph* p) const { avfilter_graph_free(&p); }
 };
+using Frame = std::unique_ptr<AVFrame, Free>;
 
 inline std::string Text(telvane::Rational r)
 {
     return std::to_string(r.num) + "/" + std::to_string(r.den);
 }
-inline std::string SourceOf(const telvane::VideoStream& s)
+// The filters of both ends, with the name after "@".
+inline std::string SourceOf(const std::string& name, const telvane::VideoStream& s)
 {
     const bool bEven = s.times.empty();
-    return "buffer=video_size=" + std::to_string(s.picture.width) + "x" + std::to_string(s.picture.height) +
-           ":pix_fmt=" + std::to_string(s.picture.format) +
+    return "buffer@" + name + "=video_size=" + std::to_string(s.picture.width) + "x" +
+           std::to_string(s.picture.height) + ":pix_fmt=" + std::to_string(s.picture.format) +
            ":time_base=" + Text(bEven ? telvane::Rational{s.rate.den, s.rate.num} : s.timeBase) +
            (bEven ? ":frame_rate=" + Text(s.rate) : "") + ":pixel_aspect=" + Text(s.aspect);
 }
-inline std::string SourceOf(const telvane::AudioStream& s)
+inline std::string SourceOf(const std::string& name, const telvane::AudioStream& s)
 {
-    return "abuffer=sample_rate=" + std::to_string(s.rate) + ":sample_fmt=" + std::to_string(s.format) +
-           ":channel_layout=" + std::to_string(s.channels) + "c:time_base=1/" + std::to_string(s.rate);
-}
-inline Frame FrameOf(const telvane::VideoStream& s, const test::Bytes& bytes, std::size_t n,
-                     std::int64_t& nEnd)
-{
-    Frame frame(av_frame_alloc());
-    frame->format = s.picture.format;
-    frame->width = s.picture.width;
-    frame->height = s.picture.height;
-    frame->color_range = s.colour.range;
-    frame->color_primaries = s.colour.primaries;
-    frame->color_trc = s.colour.transfer;
-    frame->colorspace = s.colour.matrix;
-    frame->sample_aspect_ratio = {s.aspect.num, s.aspect.den};
-    frame->pts = s.times.empty() ? static_cast<std::int64_t>(n) : s.times[n];
-    nEnd = s.times.empty() ? frame->pts + 1 : s.times[std::min(n + 1, s.times.size() - 1)];
-    EXPECT_GE(av_frame_get_buffer(frame.get(), 0), 0);
-    std::uint8_t* planes[4];
-    int strides[4];
-    av_image_fill_arrays(planes, strides, bytes.data(), s.picture.format, frame->width, frame->height, 1);
-    const std::uint8_t* from[4] = {planes[0], planes[1], planes[2], planes[3]};
-    av_image_copy(frame->data, frame->linesize, from, strides, s.picture.format, frame->width,
-                  frame->height);
-    return frame;
-}
-inline Frame FrameOf(const telvane::AudioStream& s, const test::Bytes& bytes, std::size_t n,
-                     std::int64_t& nEnd)
-{
-    Frame frame(av_frame_alloc());
-    frame->format = s.format;
-    frame->sample_rate = s.rate;
-    av_channel_layout_default(&frame->ch_layout, s.channels);
-    frame->nb_samples = static_cast<int>(bytes.size()) / s.channels / av_get_bytes_per_sample(s.format);
-    frame->pts = static_cast<std::int64_t>(n) * s.samples;
-    nEnd = frame->pts + frame->nb_samples;
-    EXPECT_GE(av_frame_get_buffer(frame.get(), 0), 0);
-    std::copy(bytes.begin(), bytes.end(), frame->data[0]);
-    return frame;
+    return "abuffer@" + name + "=sample_rate=" + std::to_string(s.rate) +
+           ":sample_fmt=" + std::to_string(s.format) + ":channel_layout=" + std::to_string(s.channels) +
+           "c";
 }
 inline std::string EndOf(const telvane::Picture& out)
 {
@@ -105,69 +64,90 @@ inline std::string EndOf(const telvane::AudioStream& out)
            ":channel_layouts=" + std::to_string(out.channels) +
            "c,asetnsamples=n=" + std::to_string(out.samples) + ":p=0,abuffersink@end";
 }
+
+// What is said of the nth item of an input; the source copies its bytes. Gives the time of the stream's end.
+inline std::int64_t Describe(AVFrame& frame, const telvane::VideoStream& s, test::Bytes& bytes,
+                             std::size_t n)
+{
+    frame.format = s.picture.format;
+    frame.width = s.picture.width;
+    frame.height = s.picture.height;
+    frame.color_range = s.colour.range;
+    frame.color_primaries = s.colour.primaries;
+    frame.color_trc = s.colour.transfer;
+    frame.colorspace = s.colour.matrix;
+    frame.sample_aspect_ratio = {s.aspect.num, s.aspect.den};
+    frame.pts = s.times.empty() ? static_cast<std::int64_t>(n) : s.times[n];
+    av_image_fill_arrays(frame.data, frame.linesize, bytes.data(), s.picture.format, frame.width,
+                         frame.height, 1);
+    return s.times.empty() ? frame.pts + 1 : s.times[std::min(n + 1, s.times.size() - 1)];
+}
+inline std::int64_t Describe(AVFrame& frame, const telvane::AudioStream& s, test::Bytes& bytes,
+                             std::size_t n)
+{
+    frame.format = s.format;
+    frame.sample_rate = s.rate;
+    av_channel_layout_default(&frame.ch_layout, s.channels);
+    frame.nb_samples = static_cast<int>(bytes.size()) / s.channels / av_get_bytes_per_sample(s.format);
+    frame.pts = static_cast<std::int64_t>(n) * s.samples;
+    frame.data[0] = bytes.data();
+    return frame.pts + frame.nb_samples;
+}
 inline test::Bytes BytesOf(const AVFrame& frame)
 {
+    test::Bytes bytes;
     if (frame.nb_samples > 0) {
-        const auto n = static_cast<std::size_t>(
-            av_samples_get_buffer_size(nullptr, frame.ch_layout.nb_channels, frame.nb_samples,
-                                       static_cast<AVSampleFormat>(frame.format), 1));
-        return {frame.data[0], frame.data[0] + n};
+        const auto format = static_cast<AVSampleFormat>(frame.format);
+        const int n = frame.nb_samples * frame.ch_layout.nb_channels * av_get_bytes_per_sample(format);
+        bytes.assign(frame.data[0], frame.data[0] + n);
+    } else {
+        const auto format = static_cast<AVPixelFormat>(frame.format);
+        const int n = av_image_get_buffer_size(format, frame.width, frame.height, 1);
+        bytes.resize(static_cast<std::size_t>(n));
+        av_image_copy_to_buffer(bytes.data(), n, frame.data, frame.linesize, format, frame.width,
+                                frame.height, 1);
     }
-    const auto format = static_cast<AVPixelFormat>(frame.format);
-    test::Bytes bytes(
-        static_cast<std::size_t>(av_image_get_buffer_size(format, frame.width, frame.height, 1)));
-    av_image_copy_to_buffer(bytes.data(), static_cast<int>(bytes.size()), frame.data, frame.linesize,
-                            format, frame.width, frame.height, 1);
     return bytes;
 }
 
 // One picture or block of each input in turn, and the end after each input's last.
 template <class Stream, class Out>
-Items ByHand(const std::vector<telvane::Input<Stream>>& inputs, const std::vector<Contents>& contents,
+Items ByHand(const std::vector<telvane::Input<Stream>>& inputs, std::vector<Contents> contents,
              const std::string& description, const Out& out)
 {
-    const std::unique_ptr<AVFilterGraph, FreeGraph> graph(avfilter_graph_alloc());
+    const std::unique_ptr<AVFilterGraph, Free> graph(avfilter_graph_alloc());
     graph->nb_threads = 1;
     std::string text = "[out]" + EndOf(out) + ";" + description;
     for (const telvane::Input<Stream>& input : inputs) {
-        const std::string source = SourceOf(input.stream);
-        const std::size_t nName = source.find('=');
-        std::string head = source.substr(0, nName);
-        head.append("@").append(input.name).append(source.substr(nName)).append("[").append(input.name);
-        text.insert(0, head.append("];"));
+        text.insert(0, SourceOf(input.name, input.stream) + "[" + input.name + "];");
     }
     AVFilterInOut* pInputs = nullptr;
     AVFilterInOut* pOutputs = nullptr;
-    const bool bBuilt =
-        avfilter_graph_parse_ptr(graph.get(), text.c_str(), &pInputs, &pOutputs, nullptr) >= 0 &&
-        avfilter_graph_config(graph.get(), nullptr) >= 0;
-    EXPECT_TRUE(bBuilt) << text;
-    Items items;
+    bool bAny = avfilter_graph_parse_ptr(graph.get(), text.c_str(), &pInputs, &pOutputs, nullptr) >= 0 &&
+                avfilter_graph_config(graph.get(), nullptr) >= 0;
+    EXPECT_TRUE(bAny) << text;
     std::map<std::string, AVFilterContext*> filters;
-    for (unsigned i = 0; bBuilt && i < graph->nb_filters; ++i) {
+    for (unsigned i = 0; i < graph->nb_filters; ++i) {
         const std::string name = graph->filters[i]->name;
         filters[name.substr(name.find('@') + 1)] = graph->filters[i];
     }
-    AVFilterContext* const pEnd = filters["end"];
+    Items items;
     std::vector<std::int64_t> ends(inputs.size());
-    bool bAny = bBuilt;
     for (std::size_t n = 0; bAny; ++n) {
         bAny = false;
         for (std::size_t i = 0; i < inputs.size(); ++i) {
-            if (n > contents[i].size()) {
-                continue;
-            }
             AVFilterContext* const pSource = filters[inputs[i].name];
+            const Frame frame(av_frame_alloc());
             if (n < contents[i].size()) {
-                const Frame frame = FrameOf(inputs[i].stream, contents[i][n], n, ends[i]);
-                bAny = av_buffersrc_add_frame(pSource, frame.get()) >= 0 || bAny;
-            } else {
+                ends[i] = Describe(*frame, inputs[i].stream, contents[i][n], n);
+                bAny = av_buffersrc_write_frame(pSource, frame.get()) >= 0 || bAny;
+            } else if (n == contents[i].size()) {
                 bAny = av_buffersrc_close(pSource, ends[i], 0) >= 0 || bAny;
             }
             const Frame got(av_frame_alloc());
-            while (items.size() < kMostItems && av_buffersink_get_frame(pEnd, got.get()) >= 0) {
-                const AVRational base = av_buffersink_get_time_base(pEnd);
-                items.push_back({av_rescale_q(got->pts, base, {1, 1000000}), BytesOf(*got)});
+            while (items.size() < kMostItems && av_buffersink_get_frame(filters["end"], got.get()) >= 0) {
+                const AVRational base = av_buffersink_get_time_base(filters["end"]);
+                items.emplace_back(av_rescale_q(got->pts, base, {1, 1000000}), BytesOf(*got));
                 av_frame_unref(got.get());
             }
         }
@@ -180,31 +160,32 @@ template <class Mixer, class Stream, class Out>
 Items ByLayer(std::vector<telvane::Input<Stream>> inputs, const std::vector<Contents>& contents,
               const std::string& description, const Out& out)
 {
-    std::size_t nMost = 0;
     for (std::size_t i = 0; i < inputs.size(); ++i) {
-        std::size_t nLength = contents[i].size();
+        Stream& stream = inputs[i].stream;
+        stream.length = static_cast<std::int64_t>(contents[i].size());
         if constexpr (std::is_same_v<Stream, telvane::AudioStream>) {
-            nLength = 0;
+            const std::size_t nSample = telvane::detail::Audio::SampleBytes(stream);
+            stream.length = 0;
             for (const test::Bytes& block : contents[i]) {
-                nLength += block.size() / telvane::detail::Audio::SampleBytes(inputs[i].stream);
+                *stream.length += static_cast<std::int64_t>(block.size() / nSample);
             }
         }
-        inputs[i].stream.length = static_cast<std::int64_t>(nLength);
-        nMost = std::max(nMost, contents[i].size());
     }
     Mixer mixer(inputs, description, out);
     test::Bytes buffer(mixer.OutputBytes());
     Items items;
     telvane::Received received;
-    for (std::size_t n = 0; n <= nMost; ++n) {
+    bool bAny = true;
+    for (std::size_t n = 0; bAny; ++n) {
+        bAny = false;
         for (std::size_t i = 0; i < inputs.size(); ++i) {
             if (n < contents[i].size()) {
                 mixer.Send(i, telvane::Bytes(contents[i][n]));
+                bAny = true;
             }
             while (items.size() < kMostItems && (received = mixer.Receive(telvane::Bytes(buffer)))) {
-                items.push_back({received.time ? received.time->count() : -1,
-                                 test::Bytes(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(
-                                                                                  received.bytes))});
+                items.emplace_back(received.time ? received.time->count() : -1,
+                                   test::Bytes(buffer.data(), buffer.data() + received.bytes));
             }
         }
     }

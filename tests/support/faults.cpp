@@ -28,6 +28,12 @@ bool IsFromLibrary(void* pCaller)
     return dladdr(pCaller, &st_Caller) != 0 && st_Caller.dli_fbase == pLibrary;
 }
 
+// The log's own memory is there.
+struct Unfailing {
+    ~Unfailing() { faults::s_nFailNew = nFailNew; }
+    int nFailNew = std::exchange(faults::s_nFailNew, 0);
+};
+
 // Whether this call is to fail.
 bool Enter(const char* szFunction, void* pCaller)
 {
@@ -35,6 +41,7 @@ bool Enter(const char* szFunction, void* pCaller)
         return false;
     }
     std::unique_lock lock(g_Mutex);
+    const Unfailing unfailing;
     faults::s_Log.emplace_back(szFunction);
     if (faults::s_szWithin == szFunction) {
         faults::s_szWithin.clear();
@@ -115,6 +122,7 @@ extern "C" bool BaseLib_OperatorHandle_Create(unsigned long long* phHandle, unsi
     static const auto real = reinterpret_cast<decltype(&BaseLib_OperatorHandle_Create)>(
         dlsym(RTLD_NEXT, "BaseLib_OperatorHandle_Create"));
     const std::lock_guard lock(g_Mutex);
+    const Unfailing unfailing;
     faults::s_Log.emplace_back("BaseLib_OperatorHandle_Create(" + std::to_string(nLower) + ',' +
                                std::to_string(nUpper) + ',' + std::to_string(nOption) + ')');
     const bool bDone = real(phHandle, nLower, nUpper, nOption);
@@ -126,10 +134,7 @@ extern "C" bool BaseLib_OperatorHandle_Create(unsigned long long* phHandle, unsi
 
 void* operator new(std::size_t nSize)
 {
-    void* const p =
-        faults::s_nFailNew > 0 && IsFromLibrary(__builtin_return_address(0)) && --faults::s_nFailNew == 0
-            ? nullptr
-            : std::malloc(nSize);
+    void* const p = faults::s_nFailNew > 0 && --faults::s_nFailNew == 0 ? nullptr : std::malloc(nSize);
     return p != nullptr ? p : throw std::bad_alloc();
 }
 

@@ -15,7 +15,7 @@ struct faults {
         s_nFail = nth;
     }
 
-    // Lets the nth operator new from now on fail, once.
+    // Lets the nth operator new of the program or the library from now on fail, once.
     static void FailNew(int nth) { s_nFailNew = nth; }
 
     // Runs something within the next call of this function, once.
