@@ -35,10 +35,10 @@ class Faults : public testing::Test
 #define HANDLE "BaseLib_OperatorHandle_Create(1000000001,9000000002,1) - "
 
 // The library's calls in order, and what comes of the failure of each: the last digits of the code (0 if the call
-// succeeds all the same, "u" for an open end, "-" if the failure is not tried), "k" if what was built is deliberately
-// kept, "q" if the flag stays down. Then how the handle goes on: "p" without a picture for planes, "r" without the
-// sizes of its rows either, "l" without the block, "s" with what was sent. Without a name for an end FFmpeg does not
-// find it.
+// succeeds all the same, "u" for an open end), "k" if what was built is deliberately kept, "q" if the flag stays
+// down. Then how the handle goes on: "p" without a picture for planes, "r" without the sizes of its rows either, "c"
+// without conversions, "l" without the block, "s" with what was sent. Without a name for an end FFmpeg does not find
+// it.
 const struct {
     const char* szCreate;
     const char* szSend[2]; // separate planes, and a whole picture
@@ -81,157 +81,104 @@ const struct {
      "av_frame_alloc 2 av_buffersink_get_frame 9"},
     {HANDLE,
      // The set-up; what is missing of the pictures, the one with padded rows last, is for the conversion.
-     {"sws_getContext 5 av_image_get_buffer_size 0l av_malloc 0l av_image_fill_arrays 0l av_image_alloc 0l "
-      "av_image_get_buffer_size 0l",
-      "sws_getContext 5 av_image_get_buffer_size 0l av_malloc 0l av_image_fill_arrays 0l av_image_alloc 0l "
-      "av_image_get_buffer_size 0l av_image_alloc 0l"},
+     {"sws_getContext 5 av_image_get_buffer_size 0c av_malloc 0c av_image_fill_arrays 0c av_image_alloc 0c "
+      "av_image_get_buffer_size 0c av_image_alloc 0c",
+      {}},
      "sws_scale 11"},
 };
 
-// The call succeeds and makes the calls of the list. With each of these failing in turn, it ends as the list says,
-// and succeeds the next time. The check is told the failed call's outcome ("0" for none) and the result.
-void ExpectSites(Handle nBase, const char* szSites, const std::function<bool()>& call,
-                 const std::function<void(const std::string&, bool)>& check)
+// A session: a handle is made, two blocks go in, as planes and whole, and two come out.
+struct Step {
+    std::function<bool()> call;
+    std::string sites;
+    int nValue = 0; // taken
+};
+std::vector<Step> Session(std::size_t k, Handle& h)
 {
-    faults::Reset();
-    EXPECT_OK(call());
-    const std::vector<std::string> vec_Calls = faults::Log();
-    check("0", true);
-
-    std::istringstream sites(szSites);
-    std::vector<std::string> vec_Expected;
-    std::string outcome;
-    for (std::string function; sites >> function >> outcome;) {
-        vec_Expected.push_back(function);
-        if (outcome == "-") {
-            continue;
-        }
-        SCOPED_TRACE(function + ", call " + std::to_string(vec_Expected.size()));
-        bool bDone = false;
-        {
-            const test::KeepsMemoryByContract keeps(outcome.find('k') != std::string::npos);
-            faults::Reset();
-            faults::Fail("", static_cast<int>(vec_Expected.size()));
-            bDone = call();
-            EXPECT_EQ(faults::Failed(), 1);
-            faults::Reset();
-        }
-        if (outcome[0] == '0') {
-            EXPECT_TRUE(bDone && !AVFilter_IsErrorOccur);
-        } else {
-            ExpectFailure(bDone,
-                          outcome == "u" ? test::kUnlinked : nBase + std::stoul(outcome, nullptr, 16),
-                          outcome.find('q') == std::string::npos);
-        }
-        check(outcome, bDone);
-        EXPECT_OK(call());
-        check("0", true);
+    const Kind& kind = kKinds[k];
+    std::vector<Step> vec_Steps{
+        {[&] { return kind.cFamily == 's' ? AVFilter_VideoScale_Init(&h) : Create(kind, &h); },
+         kSites[k].szCreate}};
+    if (kind.cFamily == 's') {
+        vec_Steps.push_back(
+            {[&h] { return AVFilter_VideoScale_Set(h, 0, 64, 16, 0, 50, 16); }, kSites[k].szSend[0]});
     }
-    EXPECT_EQ(vec_Calls, vec_Expected);
+    int nInput = 0;
+    for (const int n : {40, 60, 41, 60}) {
+        if (kind.Send != nullptr) {
+            vec_Steps.push_back(
+                {[&, n, nInput] { return Send(kind, h, nInput, n); }, kSites[k].szSend[n % 2]});
+            nInput = 1 - nInput;
+        }
+    }
+    for (const int nValue : {100, 101}) {
+        vec_Steps.push_back({[&, nValue] { return Take(kind, h, nValue); }, kSites[k].szTake, nValue});
+    }
+    return vec_Steps;
 }
 
-TEST_F(Faults, InCreatingCallsAreReportedAndWriteNoHandle)
+// With each of the session's calls failing in turn.
+TEST_F(Faults, AreReportedWhereTheyHappenAndTheNextTrySucceeds)
 {
     for (std::size_t k = 0; k < kKinds.size(); ++k) {
         const Kind& kind = kKinds[k];
-        SCOPED_TRACE(kind.szName);
-        Handle h = 42;
-        const auto create = [&] {
-            return kind.cFamily == 's' ? AVFilter_VideoScale_Init(&h) : Create(kind, &h);
-        };
-        ExpectSites(kind.nBase, kSites[k].szCreate, create, [&](const std::string& outcome, bool bDone) {
-            EXPECT_EQ(h != 42, bDone);
-            if (outcome == "0p" || outcome == "0r") {
-                // Without a picture separate planes have nowhere to go; whole ones need its rows' sizes.
-                unsigned char* const p = test::g_Out;
-                ExpectFailure(AVFilter_Video_Cvt(h, p, p, p, 0, 8, 8, p, &test::g_nOut),
-                              AVFILTER_ERROR_VIDEO_ALLOC);
-                ExpectFailure(Take(kind, h, 20), AVFILTER_ERROR_VIDEO_ALLOC);
-                EXPECT_EQ(Take(kind, h, 21), outcome == "0p");
-                EXPECT_TRUE(outcome == "0p" || AVFilter_dwErrorCode == AVFILTER_ERROR_VIDEO_SEND_FRAME);
-            } else if (bDone && kind.cFamily != 's') {
-                EXPECT_TRUE(Work(kind, h));
-            }
-            EXPECT_OK(kind.Destroy(h));
-            h = 42;
-        });
-    }
-}
-
-// The sending call of mixes, and the call that gives something out; with planes and with whole pictures.
-TEST_F(Faults, InWorkingCallsAreReportedAndLeaveInTheGraphWhatWasThere)
-{
-    for (std::size_t nCase = 0; nCase < 4 * kKinds.size(); ++nCase) {
-        const std::size_t k = nCase / 4;
-        const std::size_t nWhole = nCase % 2;
-        const bool bSending = nCase % 4 > 1;
-        const Kind& kind = kKinds[k];
-        if (bSending && kind.Send == nullptr) {
-            continue;
-        }
-        SCOPED_TRACE(std::string(kind.szName) + (bSending ? " sends" : " takes") +
-                     (nWhole == 0 ? "" : " whole"));
         Handle h = 0;
-        EXPECT_OK(Create(kind, &h));
-        int nValue = 20 + static_cast<int>(nWhole);
-        std::deque<int> queued;
-        const auto next = [&] {
-            nValue += 2;
-            queued.push_back(nValue);
-            return kind.Send == nullptr ||
-                   (Send(kind, h, 1, 2) && (bSending || Send(kind, h, 0, nValue - 2)));
-        };
-        const auto expectNext = [&] {
-            EXPECT_EQ(g_nGot, k == jobs::kAudioFilter ? 100 : queued.front());
-            queued.pop_front();
-            EXPECT_TRUE(next());
-        };
-        EXPECT_TRUE(next());
-        if (bSending) {
-            ExpectSites(
-                kind.nBase, kSites[k].szSend[nWhole], [&] { return Send(kind, h, 0, nValue - 2); },
-                [&](const std::string&, bool bDone) {
-                    EXPECT_EQ(Take(kind, h, 0), bDone);
-                    bDone ? expectNext() : void();
-                    ExpectFailure(Take(kind, h, 0), kind.nBase + 9);
-                });
-        } else {
-            ExpectSites(
-                kind.nBase, kSites[k].szTake, [&] { return Take(kind, h, nValue); },
-                [&](const std::string& outcome, bool bDone) {
-                    g_nGot = outcome == "9l" ? queued.front() : g_nGot;
-                    bDone || outcome == "9l" ? expectNext() : void();
-                    EXPECT_TRUE(outcome != "9s" || next());
-                });
-        }
-        // Its blocks all look alike; the receiving call of mixes takes its handle too.
-        if (k == jobs::kAudioFilter) {
-            EXPECT_TRUE(Take(kKinds[jobs::kAudioMix], h, 0));
-            ExpectFailure(Take(kKinds[jobs::kAudioMix], h, 0), kind.nBase + 9);
-        }
-        EXPECT_OK(kind.Destroy(h));
-    }
-}
-
-TEST_F(Faults, InSettingUpAreReportedThereOrByTheConversion)
-{
-    const Kind& kind = kKinds[jobs::kScaler];
-    for (const int nWidth : {64, 50}) {
-        SCOPED_TRACE(nWidth);
-        Handle h = 0;
-        EXPECT_OK(AVFilter_VideoScale_Init(&h));
-        ExpectSites(
-            kind.nBase, kSites[jobs::kScaler].szSend[nWidth == 64 ? 0 : 1],
-            [&] { return AVFilter_VideoScale_Set(h, 0, 64, 16, 0, nWidth, 16); },
-            [&](const std::string& outcome, bool) {
-                if (outcome == "0") {
-                    EXPECT_OK(Take(kind, h, 20));
-                    EXPECT_TRUE(g_nGot == 20 && test::g_nOut == nWidth * 24);
-                } else {
-                    ExpectFailure(Take(kind, h, 20), AVFILTER_ERROR_VIDEO_SCALE);
+        const std::vector<Step> vec_Steps = Session(k, h);
+        std::vector<std::string> vec_Functions;
+        std::vector<std::string> vec_Outcomes{""};
+        for (const Step& step : vec_Steps) {
+            std::istringstream sites(step.sites);
+            for (std::string function, outcome; sites >> function >> outcome;) {
+                vec_Functions.push_back(function);
+                if (outcome != "-") {
+                    vec_Outcomes.push_back(outcome);
                 }
-            });
-        EXPECT_OK(AVFilter_VideoScale_Destory(h));
+            }
+        }
+        for (std::size_t n = 0; n < vec_Outcomes.size(); ++n) { // 0: none fails
+            const std::string& outcome = vec_Outcomes[n];
+            SCOPED_TRACE(kind.szName + (" " + std::to_string(n)) + " " + outcome);
+            const auto has = [&outcome](char c) { return outcome.find(c) != std::string::npos; };
+            const test::KeepsMemoryByContract keeps(has('k'));
+            h = 42;
+            faults::Reset();
+            faults::Fail("", static_cast<int>(n));
+            std::deque<int> queued{100, 101};
+            for (const Step& step : vec_Steps) {
+                const bool bWhole = step.nValue % 2 != 0;
+                bool bDone = step.call();
+                EXPECT_EQ(h != 42, bDone || &step != vec_Steps.data());
+                if (step.nValue > 0 && (has('c') || has('r') || (has('p') && !bWhole))) {
+                    ExpectFailure(bDone, has('c')             ? AVFILTER_ERROR_VIDEO_SCALE
+                                         : has('r') && bWhole ? AVFILTER_ERROR_VIDEO_SEND_FRAME
+                                                              : AVFILTER_ERROR_VIDEO_ALLOC);
+                    queued.pop_front();
+                    continue;
+                }
+                if (!bDone) {
+                    ExpectFailure(
+                        bDone, has('u') ? test::kUnlinked : kind.nBase + std::stoul(outcome, nullptr, 16),
+                        !has('q'));
+                    if (has('s')) {
+                        queued.push_front(step.nValue);
+                    } else if (has('l')) {
+                        queued.pop_front();
+                        continue;
+                    }
+                    bDone = step.call();
+                }
+                EXPECT_TRUE(bDone);
+                if (step.nValue > 0) {
+                    EXPECT_EQ(g_nGot, k == jobs::kAudioFilter ? 100 : queued.front());
+                    queued.pop_front();
+                }
+            }
+            EXPECT_EQ(faults::Failed(), n == 0 ? 0 : 1);
+            EXPECT_TRUE(n > 0 || faults::Log() == vec_Functions);
+            // The receiving call of mixes takes the handle of the audio filter too.
+            EXPECT_TRUE(kind.cFamily != 'a' || Take(kKinds[jobs::kAudioMix], h, 0) == has('s'));
+            EXPECT_OK(kind.Destroy(h));
+        }
     }
 }
 
@@ -283,8 +230,12 @@ TEST_F(Faults, RepeatedHandleKeepsTheOlderRecordAndSucceeds)
 TEST_F(Faults, WorkingCallsRunBesideEachOtherWhileThoseThatChangeTheFamilyWait)
 {
     using namespace std::chrono_literals;
+    const auto async = [](const std::function<bool()>& call) {
+        return std::async(std::launch::async, call);
+    };
     for (std::size_t nCase = 0; nCase < 2 * kKinds.size(); ++nCase) {
         const Kind& kind = kKinds[nCase / 2];
+        const Kind& other = kKinds[(nCase / 2 + 2) % kKinds.size()]; // of another family
         const bool bSend = nCase % 2 != 0;
         if (bSend && kind.Send == nullptr) {
             continue;
@@ -301,36 +252,32 @@ TEST_F(Faults, WorkingCallsRunBesideEachOtherWhileThoseThatChangeTheFamilyWait)
             return bSend ? Send(kind, h, 0, 40) : kind.Take(h, test::Filled(100), out.data(), &nOut);
         };
         Handle h = 0;
-        const std::vector<std::function<bool()>> waiting{
-            [&] { return Create(kind, &h) && kind.Destroy(h); }, [&] { return kind.Destroy(0); },
-            [&] {
-                return kind.cFamily != 's' || AVFilter_VideoScale_Set(hHandles[1], 0, 64, 16, 0, 32, 8);
-            }};
-        std::vector<std::future<bool>> vec_Results;
+        Handle hOther = 0;
+        std::vector<std::future<bool>> vec_Waiting;
         const auto within = [&] {
-            auto beside = std::async(std::launch::async, [&] {
-                Handle hOther = 0;
-                const Kind& other = kKinds[(nCase / 2 + 2) % kKinds.size()];
-                return work(hHandles[1]) && Create(other, &hOther) && other.Destroy(hOther);
-            });
+            auto beside =
+                async([&] { return work(hHandles[1]) && Create(other, &hOther) && other.Destroy(hOther); });
             EXPECT_EQ(beside.wait_for(20s), std::future_status::ready);
             EXPECT_TRUE(beside.get());
-            for (const auto& call : waiting) {
-                vec_Results.push_back(std::async(std::launch::async, call));
+            vec_Waiting.push_back(async([&] { return Create(kind, &h) && kind.Destroy(h); }));
+            vec_Waiting.push_back(async([&] { return kind.Destroy(0); }));
+            if (kind.cFamily == 's') {
+                vec_Waiting.push_back(
+                    async([&] { return AVFilter_VideoScale_Set(hHandles[1], 0, 64, 16, 0, 32, 8); }));
             }
-            for (std::size_t i = 0; i < (kind.cFamily == 's' ? 3U : 2U); ++i) {
-                EXPECT_EQ(vec_Results[i].wait_for(20ms), std::future_status::timeout);
+            for (std::future<bool>& waiting : vec_Waiting) {
+                EXPECT_EQ(waiting.wait_for(20ms), std::future_status::timeout);
             }
         };
         faults::Within(kind.cFamily == 's' ? "sws_scale"
                        : bSend             ? "av_buffersrc_add_frame"
                                            : "av_buffersink_get_frame",
                        within);
-        EXPECT_TRUE(work(hHandles[0]));
-        for (std::future<bool>& result : vec_Results) {
-            EXPECT_TRUE(result.get());
+        EXPECT_TRUE(work(hHandles[0]) && !vec_Waiting.empty());
+        for (std::future<bool>& waiting : vec_Waiting) {
+            EXPECT_TRUE(waiting.get());
         }
-        EXPECT_TRUE(vec_Results.size() == 3 && kind.Destroy(hHandles[0]) && kind.Destroy(hHandles[1]));
+        EXPECT_TRUE(kind.Destroy(hHandles[0]) && kind.Destroy(hHandles[1]));
     }
 }
 

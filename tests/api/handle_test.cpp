@@ -4,9 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
-#include <thread>
-#include <vector>
+#include <utility>
 
 namespace
 {
@@ -28,23 +26,6 @@ TEST(HandleGenerator, CountsUpWithinTheBoundsAndStartsAgain)
             EXPECT_TRUE(i == 0 || h == (hBefore == nUpper ? nLower : hBefore + 1)) << h;
         }
     }
-}
-
-TEST(HandleGenerator, GivesNoValueTwice)
-{
-    std::vector<Handle> hAll(40000);
-    std::vector<std::thread> vec_Threads;
-    for (Handle* pFirst = hAll.data(); pFirst < hAll.data() + hAll.size(); pFirst += 10000) {
-        vec_Threads.emplace_back([pFirst] {
-            for (Handle* p = pFirst; p < pFirst + 10000; ++p) {
-                BaseLib_OperatorHandle_Create(p, 1000000001, 9000000002, 1);
-            }
-        });
-    }
-    for (std::thread& thread : vec_Threads) {
-        thread.join();
-    }
-    EXPECT_EQ(std::set<Handle>(hAll.begin(), hAll.end()).size(), hAll.size());
 }
 
 } // namespace

@@ -2,7 +2,6 @@
 
 #include "kinds.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <iterator>
@@ -20,8 +19,11 @@ using test::Send;
 using test::Take;
 using test::Work;
 
+const bool g_bErrorAtStart = AVFilter_GetLastError(nullptr) != 0 || AVFilter_IsErrorOccur;
+
 TEST(Report, KeepsTheLastCodeAndTellsErrno)
 {
+    EXPECT_FALSE(g_bErrorAtStart);
     ExpectFailure(AVFilter_VideoScale_Init(nullptr), AVFILTER_ERROR_VIDEO_INVALID_PARAM);
     errno = ENOTTY;
     int nSysError = 0;
@@ -29,23 +31,6 @@ TEST(Report, KeepsTheLastCodeAndTellsErrno)
     EXPECT_EQ(nSysError, ENOTTY);
     EXPECT_TRUE(AVFilter_IsErrorOccur) << "asking clears nothing";
     EXPECT_OK(AVFilter_Audio_Destroy(1));
-    EXPECT_EQ(AVFilter_dwErrorCode, AVFILTER_ERROR_VIDEO_INVALID_PARAM);
-}
-
-// In a process of its own: the report before the first call, and an exit with live handles.
-TEST(ReportDeathTest, StartsWithoutErrorAndExitsWithLiveHandles)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const auto run = [] {
-        const test::KeepsMemoryByContract keeps;
-        bool bGood = AVFilter_GetLastError(nullptr) == 0 && !AVFilter_IsErrorOccur;
-        for (const Kind& kind : kKinds) {
-            Handle hHandle = 0;
-            bGood = bGood && Create(kind, &hHandle) && Work(kind, hHandle);
-        }
-        return bGood ? 0 : 1;
-    };
-    EXPECT_EXIT(std::exit(run()), testing::ExitedWithCode(0), "");
 }
 
 TEST(Handles, AreTakenByTheirFamilyAloneAndUnknownOnesAreNoError)
@@ -71,40 +56,27 @@ TEST(Handles, AreTakenByTheirFamilyAloneAndUnknownOnesAreNoError)
     }
 }
 
-TEST(Process, GetsNoThreadFromLiveGraphs)
+TEST(Handles, TenThousandCyclesKeepNoMemoryAndStartNoThread)
 {
     const auto countThreads = [] {
-        const std::filesystem::directory_iterator tasks("/proc/self/task");
-        return std::distance(begin(tasks), end(tasks));
+        return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
     };
     const auto nBefore = countThreads();
-    Handle hHandles[kKinds.size()] = {};
-    for (std::size_t i = 0; i < kKinds.size(); ++i) {
-        EXPECT_OK(Create(kKinds[i], &hHandles[i]));
-        EXPECT_TRUE(Work(kKinds[i], hHandles[i]));
-    }
-    EXPECT_EQ(countThreads(), nBefore);
-    for (std::size_t i = 0; i < kKinds.size(); ++i) {
-        EXPECT_OK(kKinds[i].Destroy(hHandles[i]));
-    }
-}
-
-TEST(Handles, TenThousandCyclesKeepNoMemory)
-{
-    AVFILTER_VIDEO_INFO st_Info = test::VideoInfo(64, 16);
     for (const Kind& kind : kKinds) {
         SCOPED_TRACE(kind.szName);
+        int nCycle = 0;
         test::ExpectFlatMemory([&] {
             Handle hHandle = 0;
             ASSERT_TRUE(Create(kind, &hHandle) && Work(kind, hHandle));
             ASSERT_TRUE(kind.Send == nullptr || Send(kind, hHandle, 0, 101)); // something is left in it
             ASSERT_TRUE(kind.cFamily != 's' || AVFilter_VideoScale_Set(hHandle, 0, 64, 16, 0, 50, 16));
+            ASSERT_TRUE(++nCycle > 1 || countThreads() == nBefore);
             ASSERT_TRUE(kind.Destroy(hHandle));
         });
     }
-    test::ExpectFlatMemory([&] {
+    test::ExpectFlatMemory([] {
         Handle hHandle = 0;
-        ASSERT_FALSE(AVFilter_Video_Init(&hHandle, "[in]hflip[other]", &st_Info));
+        ASSERT_FALSE(kKinds[jobs::kVideoFilter].Create(&hHandle, test::kSize, "[in]hflip[other]"));
     });
 }
 
@@ -179,6 +151,57 @@ void ExpectBadCalls(const std::string& null, Info st_Info)
         BAD(mix.nBase + 9, mix.Take(hMix, in, nullptr, &n))
     }
     EXPECT_TRUE(filter.Take(hFilter, in, out, &n) && mix.Send(hMix, 0, in) && mix.Take(hMix, in, out, &n));
+}
+
+// By the mixing initialiser and, where the one input is "in", by the other.
+template <class Info>
+void ExpectRefused(const char* szDescr, std::vector<Info> vec_Infos, Handle nCode,
+                   const char* szOut = "out")
+{
+    SCOPED_TRACE(szDescr);
+    const test::KeepsMemoryByContract keeps(nCode < AVFILTER_ERROR_VIDEO_INVALID_PARAM);
+    Handle h = 42;
+    test::Inputs<Info> inputs(vec_Infos);
+    ExpectFailure(test::Init(&h, inputs.Get(), inputs.Count(), szOut, szDescr), nCode);
+    if (std::string(vec_Infos[0].szName) == "in") {
+        ExpectFailure(test::Init(&h, szDescr, vec_Infos.data()), nCode);
+    }
+    EXPECT_EQ(h, 42U);
+}
+
+TEST(BadCalls, GraphsThatFFmpegRefuses)
+{
+    const auto audio = [](int nFormat, int nRate, int nChannels, const char* szDescr, Handle nCode) {
+        ExpectRefused(szDescr, std::vector{test::AudioInfo(nFormat, nRate, 480, nChannels)},
+                      AVFILTER_ERROR_AUDIO_INVALID_PARAM - 1 + nCode);
+    };
+    audio(-1, 48000, 2, "anull", 3);
+    audio(999, 48000, 2, "anull", 3);
+    audio(test::kS16, -1, 2, "anull", 3);
+    audio(test::kS16, 48000, 0, "anull", 3);
+    audio(test::kS16, 48000, -2, "anull", 3);
+    audio(test::kS16, 48000, 2, "nosuchfilter", 4);
+    audio(test::kS16, 48000, 2, "[in]hflip[out]", 4);
+    audio(test::kS16, 48000, 2, "[in]anullsink", 5);
+    audio(test::kS16, 48000, 2, "[in]asplit[out][more]", 5);
+
+    using test::VideoInfo;
+    const AVFILTER_VIDEO_INFO st_B = test::Named(VideoInfo(16, 16), "b");
+    for (const auto& st_Bad :
+         {VideoInfo(0, 16), VideoInfo(16, 16, 0), VideoInfo(16, 16, 25, -1), VideoInfo(16, 16, 25, 9999)}) {
+        ExpectRefused("[in]null[out]", std::vector{st_Bad}, AVFILTER_ERROR_VIDEO_CREATE_SOURCE);
+    }
+    const auto video = [&](const char* szDescr, const std::vector<AVFILTER_VIDEO_INFO>& vec_Infos,
+                           Handle nCode,
+                           const char* szOut = "out") { ExpectRefused(szDescr, vec_Infos, nCode, szOut); };
+    video("[in]nosuchfilter[out]", {VideoInfo(16, 16)}, AVFILTER_ERROR_VIDEO_PARSE_GRAPH);
+    video("[in]aresample[out]", {VideoInfo(16, 16)}, AVFILTER_ERROR_VIDEO_PARSE_GRAPH);
+    video("[in]null[other]", {VideoInfo(16, 16)}, test::kUnlinked);
+    video("[b]null[out]", {st_B}, test::kUnlinked, nullptr);
+    video("[b]null[out]", {st_B}, test::kUnlinked, "other");
+    video("[b]null[out]", {st_B, VideoInfo(16, 16)}, test::kUnlinked);
+    video("[b][in]hstack[out]", {st_B, VideoInfo(16, 8)}, AVFILTER_ERROR_VIDEO_CONFIG_GRAPH);
+    video("[b][in]hstack[out]", {st_B, VideoInfo(0, 8)}, AVFILTER_ERROR_VIDEO_CREATE_SOURCE);
 }
 
 TEST(BadCalls, FailWithTheirCodeAndTouchNothing)

@@ -5,6 +5,7 @@
 #include "support.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <type_traits>
 
@@ -100,16 +101,11 @@ class AudioGraph : public Graph<AVFILTER_AUDIO_INFO>
     using Graph::Graph;
 
     template <class Sample>
-    bool Send(int nId, const std::vector<Sample>& samples, int nBytes) const
+    bool Send(int nId, const std::vector<Sample>& samples, std::optional<int> nBytes = {}) const
     {
         GuardedBuffer in(samples.size() * sizeof(Sample));
         std::copy(samples.begin(), samples.end(), reinterpret_cast<Sample*>(in.Data()));
-        return AVFilter_Audio_MIXSend(Get(), nId, in.Data(), nBytes);
-    }
-    template <class Sample>
-    void Send(int nId, const std::vector<Sample>& samples) const
-    {
-        EXPECT_OK(Send(nId, samples, static_cast<int>(samples.size() * sizeof(Sample))));
+        return AVFilter_Audio_MIXSend(Get(), nId, in.Data(), nBytes.value_or(static_cast<int>(in.Size())));
     }
     // One block with its padding.
     template <class Sample = std::int16_t>
@@ -190,32 +186,5 @@ class VideoGraph : public Graph<AVFILTER_VIDEO_INFO>
         });
     }
 };
-
-// Graphs that must be refused, by the mixing initialiser and, where the one input is "in", by the other. The code is
-// the family's, without its base; kUnlinked stands for two.
-template <class Info>
-struct Refused {
-    std::string descr;
-    std::vector<Info> vec_Inputs;
-    Handle nCode;
-    const char* szOut = "out";
-};
-template <class Info>
-void ExpectRefused(const std::vector<Refused<Info>>& vec_Cases)
-{
-    const Handle nBase = KindOf<Info>(true).nBase;
-    for (const Refused<Info>& st : vec_Cases) {
-        SCOPED_TRACE(st.descr + ", case " + std::to_string(&st - vec_Cases.data()));
-        Handle hHandle = 42;
-        const Handle nCode = st.nCode == kUnlinked ? kUnlinked : nBase + st.nCode;
-        Inputs<Info> inputs(st.vec_Inputs);
-        const KeepsMemoryByContract keeps(std::is_same_v<Info, AVFILTER_AUDIO_INFO>);
-        ExpectFailure(Init(&hHandle, inputs.Get(), inputs.Count(), st.szOut, st.descr.c_str()), nCode);
-        if (std::string(st.vec_Inputs[0].szName) == "in") {
-            ExpectFailure(Init(&hHandle, st.descr.c_str(), (*inputs.Get())[0]), nCode);
-        }
-        EXPECT_EQ(hHandle, 42U);
-    }
-}
 
 } // namespace test

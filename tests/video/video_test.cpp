@@ -1,4 +1,4 @@
-// Video filters on FFmpeg's own filters, and what mixes of one input have in common with them.
+// Video filters and mixes, on FFmpeg's own filters.
 #include "support/graph.h"
 
 extern "C" {
@@ -12,6 +12,7 @@ namespace
 
 using test::Bytes;
 using test::ExpectFailure;
+using test::Named;
 using test::Picture;
 using test::VideoGraph;
 using test::VideoInfo;
@@ -123,25 +124,91 @@ TEST(VideoFilter, PicturesHeldBackComeOutLater)
     }
 }
 
-TEST(Video, RefusedDescriptionsAndStreams)
+TEST(VideoMix, InputsAreNamedByTheirIdsAndOfEqualOnesTheFirstIsFed)
 {
-    const AVFILTER_VIDEO_INFO st_Good = VideoInfo(16, 16);
-    const AVFILTER_VIDEO_INFO st_B = test::Named(st_Good, "b");
-    constexpr test::Handle kCreate = 3;
-    constexpr test::Handle kParse = 5;
-    constexpr test::Handle kConfig = 6;
-    test::ExpectRefused<AVFILTER_VIDEO_INFO>({{"[in]nosuchfilter[out]", {st_Good}, kParse},
-                                              {"[in]aresample[out]", {st_Good}, kParse},
-                                              {"[in]null[other]", {st_Good}, test::kUnlinked},
-                                              {"[in]null[out]", {VideoInfo(0, 16)}, kCreate},
-                                              {"[in]null[out]", {VideoInfo(16, 16, 0)}, kCreate},
-                                              {"[in]null[out]", {VideoInfo(16, 16, 25, -1)}, kCreate},
-                                              {"[in]null[out]", {VideoInfo(16, 16, 25, 9999)}, kCreate},
-                                              {"[b]null[out]", {st_B}, test::kUnlinked, nullptr},
-                                              {"[b]null[out]", {st_B}, test::kUnlinked, "other"},
-                                              {"[b]null[out]", {st_B, st_Good}, test::kUnlinked},
-                                              {"[b][in]hstack[out]", {st_B, VideoInfo(16, 8)}, kConfig},
-                                              {"[b][in]hstack[out]", {st_B, VideoInfo(0, 8)}, kCreate}});
+    const VideoGraph mix("[x][y][z]hstack=inputs=3[out]",
+                         {Named(VideoInfo(16, 4), "x", 7), Named(VideoInfo(24, 4), "y", -2),
+                          Named(VideoInfo(8, 4), "z", 0)});
+    Bytes row;
+    for (const auto& [nId, nWidth] : {std::pair(7, 16), {-2, 24}, {0, 8}}) {
+        EXPECT_TRUE(mix.Recv().empty());
+        Picture picture(nWidth, 4);
+        row.insert(row.end(), picture.Plane(0), picture.Plane(0) + nWidth);
+        EXPECT_OK(mix.Send(nId, picture));
+    }
+    Bytes out = mix.Recv();
+    out.resize(48);
+    EXPECT_EQ(out, row);
+
+    const VideoGraph twins("[b]nullsink;[a]null[out]",
+                           {Named(VideoInfo(16, 4), "a", 4), Named(VideoInfo(16, 4), "b", 4)});
+    Picture picture(16, 4);
+    EXPECT_OK(twins.Send(4, picture));
+    EXPECT_EQ(twins.Recv(), picture.bytes);
+}
+
+// The second input's pictures last twice as long.
+TEST(VideoMix, InputsArePairedByTheTimeThatEachCountsForItself)
+{
+    const VideoGraph mix("[a][b]overlay=8:2,format=yuv420p[out]",
+                         {Named(VideoInfo(32, 8, 50), "a"), Named(VideoInfo(16, 4, 25), "b", 1)});
+    for (const unsigned n : {0U, 1U, 2U, 3U, 4U, 5U}) { // they queue up
+        Picture large(32, 8, n);
+        Picture small(16, 4, 50 + n / 2);
+        for (const int nCount : {-1, 1 << 20}) { // what is refused does not use up a time
+            ExpectFailure(AVFilter_Video_MIXSend(mix.Get(), 0, large.Plane(0), large.Plane(1),
+                                                 large.Plane(2), 256, 64, nCount),
+                          AVFILTER_ERROR_VIDEO_INVALID_PARAM);
+        }
+        EXPECT_OK(mix.Send(0, large));
+        EXPECT_TRUE(n % 2 != 0 || mix.Send(1, small));
+    }
+    for (const unsigned n : {0U, 1U, 2U, 3U}) {
+        const Bytes out = mix.Recv();
+        ASSERT_EQ(out.size(), 384U);
+        EXPECT_EQ(out[0], Picture(32, 8, n).bytes[0]);
+        EXPECT_EQ(out[2 * 32 + 8], Picture(16, 4, 50 + n / 2).bytes[0]);
+    }
+}
+
+// A whole picture is the graph's to write into until it is received; separate planes are copied.
+TEST(VideoMix, WhoseBytesFiltersWriteInto)
+{
+    for (const char* szDescr : {"[a]negate[out]", "[a]drawbox=0:0:8:4:red:fill[out]"}) {
+        const VideoGraph mix(szDescr, {{Named(VideoInfo(32, 8), "a")}});
+        const Picture original(32, 8);
+        Picture sent = original;
+        EXPECT_OK(mix.Send(0, sent));
+        const Bytes copied = mix.Recv();
+        EXPECT_TRUE(sent.bytes == original.bytes && copied != original.bytes) << szDescr;
+        EXPECT_OK(mix.Send(0, sent, true));
+        EXPECT_EQ(mix.Recv(), copied);
+        EXPECT_EQ(sent.bytes, copied) << szDescr;
+    }
+}
+
+TEST(VideoMix, APictureThatCannotBeHandedOutIsKept)
+{
+    const VideoGraph mix("[a]null[out]", {{Named(VideoInfo(16, 4), "a")}});
+    int nLen = -5;
+    Bytes out(96);
+    ExpectFailure(AVFilter_Video_MIXRecv(mix.Get(), nullptr, nullptr), AVFILTER_ERROR_VIDEO_RECEIVE_FRAME);
+    for (const unsigned nSeed : {1U, 2U, 3U}) {
+        Picture picture(16, 4, nSeed);
+        EXPECT_OK(mix.Send(0, picture));
+    }
+    for (const unsigned nSeed : {1U, 2U, 3U}) {
+        for (int i = 0; i < 2; ++i) {
+            ExpectFailure(AVFilter_Video_MIXRecv(mix.Get(), nullptr, &nLen),
+                          AVFILTER_ERROR_VIDEO_INVALID_PARAM);
+            ExpectFailure(AVFilter_Video_MIXRecv(mix.Get(), out.data(), nullptr),
+                          AVFILTER_ERROR_VIDEO_INVALID_PARAM);
+        }
+        EXPECT_TRUE(nLen == -5 && out == Bytes(96));
+        if (nSeed < 3) { // the third is still kept when the mix is destroyed
+            EXPECT_EQ(mix.Recv(), Picture(16, 4, nSeed).bytes);
+        }
+    }
 }
 
 } // namespace
