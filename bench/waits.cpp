@@ -2,7 +2,7 @@
 // threads that convert, and converting beside threads that create and destroy. And what two threads
 // reach together that scale on handles of their own.
 
-#include "../tests/load/jobs.h"
+#include "jobs.h"
 
 #include <algorithm>
 #include <atomic>

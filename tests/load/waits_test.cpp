@@ -1,6 +1,6 @@
 // That no call waits without bound for the other calls of its family.
 
-#include "jobs.h"
+#include "support/jobs.h"
 
 #include <gtest/gtest.h>
 
@@ -10,100 +10,78 @@
 #include <future>
 #include <memory>
 #include <thread>
-#include <utility>
 #include <vector>
 
 namespace
 {
 
-constexpr auto kWatchdog = std::chrono::seconds(20);
+using jobs::Job;
+using jobs::Kind;
 
-// Threads that repeat something until the object goes.
-class Crowd
+constexpr jobs::Size kSmall{64, 48, 480};
+
+// Whether the work comes to its end beside threads that repeat something else. It does in any case once they stop.
+bool EndsBeside(const std::vector<std::function<void()>>& others, const std::function<void()>& work)
 {
-  public:
-    void Add(std::function<void()> once)
-    {
-        m_Threads.emplace_back([this, once = std::move(once)] {
-            while (!m_bStop) {
+    std::atomic<bool> bStop = false;
+    std::atomic<int> nRounds = 0;
+    std::vector<std::thread> vec_Threads;
+    for (const auto& once : others) {
+        vec_Threads.emplace_back([&] {
+            for (; !bStop; ++nRounds) {
                 once();
-                ++m_nRounds;
             }
         });
     }
-    void WaitUntilBusy(int nRounds) const
-    {
-        while (m_nRounds < nRounds) {
-            std::this_thread::yield();
-        }
+    while (nRounds < 20) {
+        std::this_thread::yield();
     }
-    void Stop()
-    {
-        m_bStop = true;
-        for (std::thread& thread : m_Threads) {
-            thread.join();
-        }
-        m_Threads.clear();
-    }
-
-  private:
-    std::atomic<bool> m_bStop = false;
-    std::atomic<int> m_nRounds = 0;
-    std::vector<std::thread> m_Threads;
-};
-
-// Whether the work comes to its end beside the crowd. It does in any case once the crowd has stopped.
-bool EndsBeside(Crowd& crowd, const std::function<void()>& work)
-{
-    crowd.WaitUntilBusy(20);
     std::future<void> future = std::async(std::launch::async, work);
-    const bool bEnded = future.wait_for(kWatchdog) == std::future_status::ready;
-    crowd.Stop();
+    const bool bEnded = future.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+    bStop = true;
+    for (std::thread& thread : vec_Threads) {
+        thread.join();
+    }
     future.get();
     return bEnded;
 }
 
-template <class Job>
-class Waits : public testing::Test
+// One kind of each family.
+class Waits : public testing::TestWithParam<std::size_t>
 {
+  protected:
+    const Kind& m_Kind = jobs::kKinds[GetParam()];
 };
-using Families = testing::Types<load::AudioMixJob, load::VideoMixJob, load::ScaleJob>;
-TYPED_TEST_SUITE(Waits, Families, );
+INSTANTIATE_TEST_SUITE_P(Family, Waits, testing::Values(jobs::kAudioMix, jobs::kVideoMix, jobs::kScaler));
 
-TYPED_TEST(Waits, HandlesComeAndGoWhileOthersConvert)
+TEST_P(Waits, HandlesComeAndGoWhileOthersConvert)
 {
     // All of them before the first conversion starts: creating is what is tested.
-    std::vector<std::shared_ptr<TypeParam>> jobs;
+    std::vector<std::function<void()>> others;
     for (unsigned i = 0; i < 4; ++i) {
-        jobs.push_back(std::make_shared<TypeParam>(load::Size{640, 360, 24000}, i));
+        others.emplace_back(
+            [job = std::make_shared<Job>(m_Kind, jobs::Size{640, 360, 24000}, i)] { job->Convert(); });
     }
-    Crowd crowd;
-    for (const auto& job : jobs) {
-        crowd.Add([job] { job->Convert(); });
-    }
-    EXPECT_TRUE(EndsBeside(crowd, [] {
+    EXPECT_TRUE(EndsBeside(others, [&] {
         for (int i = 0; i < 30; ++i) {
-            TypeParam(load::Size{64, 48, 480}, 1);
+            Job(m_Kind, kSmall, 1);
         }
     }));
 }
 
 // So many conversions take about a second beside eight threads; with a lock that only prefers writers
 // they do not come to an end in the watchdog's time.
-TYPED_TEST(Waits, ConversionsGetThroughWhileHandlesComeAndGo)
+TEST_P(Waits, ConversionsGetThroughWhileHandlesComeAndGo)
 {
-    TypeParam job(load::Size{64, 48, 480}, 1);
-    Crowd crowd;
-    for (int i = 0; i < 8; ++i) {
-        crowd.Add([] {
-            TypeParam(load::Size{64, 48, 480}, 1);
-            // Graphs are built outside the lock: it would be free most of the time.
-            for (int k = 0; k < 10000; ++k) {
-                TypeParam::DestroyNothing();
-            }
-        });
-    }
-    EXPECT_TRUE(EndsBeside(crowd, [&] {
+    Job job(m_Kind, kSmall, 1);
+    const auto comeAndGo = [&] {
+        Job(m_Kind, kSmall, 1);
+        // Graphs are built outside the lock: it would be free most of the time.
+        for (int k = 0; k < 10000; ++k) {
+            jobs::Demand(m_Kind.Destroy(0), m_Kind.szName);
+        }
+    };
+    EXPECT_TRUE(EndsBeside(std::vector<std::function<void()>>(8, comeAndGo), [&] {
         for (int i = 0; i < 3000; ++i) {
             job.Convert();
         }

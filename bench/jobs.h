@@ -1,7 +1,7 @@
 // The jobs by type, for what is compiled for one of them.
 #pragma once
 
-#include "../support/jobs.h"
+#include "../tests/support/jobs.h"
 
 namespace load
 {
