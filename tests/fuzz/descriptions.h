@@ -46,25 +46,20 @@ inline constexpr const char* kWhole =
     "[a]null[out] [a]negate[out] [a][b]overlay,format=yuv420p[out] [a][b]hstack[out] "
     "[a]vflip,format=nv12[out]";
 
-inline std::vector<std::string> Split(const std::string& words)
-{
-    std::istringstream stream(words);
-    return {std::istream_iterator<std::string>(stream), {}};
-}
-
+// A description of these words, which are safe in any order. FFmpeg's own parser is not what is looked at.
 inline std::string Description(FuzzedDataProvider& data)
 {
-    static const std::vector<std::string> filters = Split(kFilters);
-    static const std::vector<std::string> pieces = Split(kPieces);
-    static const std::vector<std::string> whole = Split(kWhole);
-    std::string text = whole[data.ConsumeIntegralInRange<std::size_t>(0, whole.size() - 1)];
+    const auto pick = [&data](const char* szWords) {
+        std::istringstream stream(szWords);
+        const std::vector<std::string> words(std::istream_iterator<std::string>(stream), {});
+        return words[data.ConsumeIntegralInRange<std::size_t>(0, words.size() - 1)];
+    };
     if (data.ConsumeBool()) {
-        return text;
+        return pick(kWhole);
     }
-    text.clear();
+    std::string text;
     for (int n = data.ConsumeIntegralInRange(0, 24); n > 0; --n) {
-        const auto& words = data.ConsumeBool() ? filters : pieces;
-        const std::string& word = words[data.ConsumeIntegralInRange<std::size_t>(0, words.size() - 1)];
+        const std::string word = pick(data.ConsumeBool() ? kFilters : kPieces);
         // A digit or a multiplier ("k", "T") behind a number would make it a large one.
         if (text.empty() || std::isdigit(text.back()) == 0 || std::isalnum(word[0]) == 0) {
             text += word;

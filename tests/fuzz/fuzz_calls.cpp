@@ -18,54 +18,57 @@ extern "C" {
 #include <libavutil/samplefmt.h>
 }
 
-#include <algorithm>
-#include <array>
 #include <climits>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
-#include <optional>
 #include <string>
-#include <tuple>
 #include <utility>
-#include <vector>
 
 namespace
 {
 
 using jobs::Handle;
-using jobs::Init;
 using test::GuardedBuffer;
 
 constexpr int kLargest = 8 << 20;    // FFmpeg's allocations, each
 constexpr std::size_t kProbe = 4096; // bytes looked at for stray writes
 
-void Require(bool bCondition, const char* szWhat)
+// What a call may read: a block, or three planes.
+using Sizes = std::array<int, 3>;
+Sizes SizesOf(const AVFILTER_AUDIO_INFO& st)
 {
-    if (!bCondition) {
-        std::fprintf(stderr, "broken: %s (code %llx)\n", szWhat, AVFilter_dwErrorCode);
-        std::abort();
+    const auto format = static_cast<AVSampleFormat>(st.nSampleFormat);
+    const int n = av_samples_get_buffer_size(nullptr, st.nChannels, st.nNbSamples, format, 1);
+    return {std::clamp(n, 0, kLargest)};
+}
+Sizes SizesOf(const AVFILTER_VIDEO_INFO& st)
+{
+    int nLinesize[4] = {};
+    std::size_t nPlanes[4] = {};
+    const auto format = static_cast<AVPixelFormat>(st.nPixelFormat);
+    if (av_image_fill_linesizes(nLinesize, format, st.nWidth) >= 0) {
+        const std::ptrdiff_t nStrides[4] = {nLinesize[0], nLinesize[1], nLinesize[2], nLinesize[3]};
+        av_image_fill_plane_sizes(nPlanes, format, st.nHeight, nStrides);
     }
+    const auto size = [&](int i) { return static_cast<int>(std::min<std::size_t>(nPlanes[i], kLargest)); };
+    return {size(0), size(1), size(2)};
 }
 
 // What is known about a handle, which stays here after it has been destroyed.
 struct Slot {
     Handle h = 0;
     const jobs::Kind* pKind = nullptr;
-    std::tuple<std::vector<AVFILTER_AUDIO_INFO>, std::vector<AVFILTER_VIDEO_INFO>> infos;
-    std::array<int, 6> nGeometry{}; // of a scaler, if it was accepted
+    std::vector<std::pair<int, Sizes>> inputs = {}; // by id
+    int nScaled[2] = {};                            // a scaler's pictures
     bool bWholePicture = false;
 
-    void Forget() { *this = Slot{h, nullptr, {}, {}, false}; }
+    Sizes Input(int nId) const
+    {
+        const auto it = std::find_if(inputs.begin(), inputs.end(),
+                                     [&](const auto& input) { return input.first == nId; });
+        return it == inputs.end() ? Sizes{} : it->second;
+    }
 };
-
-// A block for whatever the interface gives no size for.
-GuardedBuffer& Ample()
-{
-    static GuardedBuffer ample(std::size_t{4} * kLargest);
-    return ample;
-}
 
 class Machine
 {
@@ -97,19 +100,20 @@ class Machine
             (*inputs.Get())[infos.size() - 1] = OrNull((*inputs.Get())[infos.size() - 1]);
         }
         auto* const pppInfo = OrNull(inputs.Get());
-        return New(jobs::KindOf<Info>(bMix), infos, [&](Handle* phHandle) {
+        Slot& slot = AnySlot();
+        const bool bResult = New(slot, jobs::KindOf<Info>(bMix), [&](Handle* phHandle) {
             if constexpr (bMix) {
-                return Init(phHandle, pppInfo, nCount, szOut, szDescr);
+                return jobs::Init(phHandle, pppInfo, nCount, szOut, szDescr);
             } else {
-                return Init(phHandle, szDescr, pppInfo == nullptr ? nullptr : (*pppInfo)[0]);
+                return jobs::Init(phHandle, szDescr, pppInfo == nullptr ? nullptr : (*pppInfo)[0]);
             }
         });
+        for (std::size_t i = 0; bResult && i < infos.size(); ++i) {
+            slot.inputs.emplace_back(infos[i].nInputId, SizesOf(infos[i]));
+        }
+        return bResult;
     }
-    bool ScaleInit()
-    {
-        return New(jobs::kKinds[jobs::kScaler], std::vector<AVFILTER_VIDEO_INFO>(),
-                   AVFilter_VideoScale_Init);
-    }
+    bool ScaleInit() { return New(AnySlot(), jobs::kKinds[jobs::kScaler], AVFilter_VideoScale_Init); }
 
     // The calls that only give something out, and Audio_Cvt, which reads nothing.
     template <std::size_t nKind>
@@ -126,67 +130,67 @@ class Machine
     {
         const Slot& slot = AnySlot();
         const int nId = m_Data.ConsumeIntegralInRange(-1, 2);
-        const auto* const p = Find<AVFILTER_AUDIO_INFO>(slot, nId);
-        const int nBlock =
-            p == nullptr
-                ? 0
-                : std::clamp(av_samples_get_buffer_size(nullptr, p->nChannels, p->nNbSamples,
-                                                        static_cast<AVSampleFormat>(p->nSampleFormat), 1),
-                             0, kLargest);
+        const int n = slot.Input(nId)[0];
         // The block is as large as it says, but where the call must not look at it.
-        const int nSize = m_Data.PickValueInArray({nBlock, nBlock, nBlock / 2, 0, nBlock + 1, -1, INT_MAX});
-        GuardedBuffer in(static_cast<std::size_t>(std::clamp(nSize, 0, nBlock + 1)));
+        const int nSize = m_Data.PickValueInArray({n, n, n / 2, 0, n + 1, -1, INT_MAX});
+        GuardedBuffer in(static_cast<std::size_t>(std::clamp(nSize, 0, n + 1)));
         in.Protect();
         unsigned char* const pIn = OrNull(in.Data());
         return Call([&] { return AVFilter_Audio_MIXSend(slot.h, nId, pIn, nSize); });
     }
 
-    bool VideoCvt()
-    {
-        Slot& slot = AnySlot();
-        const auto& infos = std::get<std::vector<AVFILTER_VIDEO_INFO>>(slot.infos);
-        // After a whole picture the planes of a later call would go into that block: kept out.
-        const Picture picture = AnyPicture(infos.empty() ? nullptr : infos.data(), slot.bWholePicture);
-        slot.bWholePicture = slot.bWholePicture || picture.p[1] == nullptr;
-        return Receive([&](unsigned char* pOut, int* pnOut) {
-            return AVFilter_Video_Cvt(slot.h, picture.p[0], picture.p[1], picture.p[2], picture.n[0],
-                                      picture.n[1], picture.n[2], pOut, pnOut);
-        });
-    }
-
+    // Planes of exactly the right size, or one block that is ample.
+    template <bool bMix>
     bool VideoSend()
     {
-        const Slot& slot = AnySlot();
-        const int nId = m_Data.ConsumeIntegralInRange(-1, 2);
-        const Picture picture = AnyPicture(Find<AVFILTER_VIDEO_INFO>(slot, nId), false);
-        return Call([&] {
-            return AVFilter_Video_MIXSend(slot.h, nId, picture.p[0], picture.p[1], picture.p[2],
-                                          picture.n[0], picture.n[1], picture.n[2]);
+        static GuardedBuffer ample(std::size_t{4} * kLargest);
+        Slot& slot = AnySlot();
+        const int nId =
+            bMix || slot.inputs.empty() ? m_Data.ConsumeIntegralInRange(-1, 2) : slot.inputs[0].first;
+        std::unique_ptr<GuardedBuffer> planes[3];
+        unsigned char* p[3] = {OrNull(ample.Data())};
+        Sizes n{};
+        // After a whole picture the planes of a later conversion would go into that block: kept out.
+        const bool bWhole = (!bMix && slot.bWholePicture) || m_Data.ConsumeBool();
+        for (std::size_t i = 0; i < 3 && !bWhole; ++i) {
+            const int nBytes = slot.Input(nId)[i];
+            n[i] = Rarely() ? m_Data.PickValueInArray({-1, INT_MAX, 0}) : nBytes;
+            planes[i] = std::make_unique<GuardedBuffer>(static_cast<std::size_t>(nBytes));
+            planes[i]->Protect();
+            p[i] = p[0] == nullptr ? nullptr : planes[i]->Data();
+        }
+        if constexpr (bMix) {
+            return Call(
+                [&] { return AVFilter_Video_MIXSend(slot.h, nId, p[0], p[1], p[2], n[0], n[1], n[2]); });
+        }
+        slot.bWholePicture = slot.bWholePicture || p[1] == nullptr;
+        return Receive([&](unsigned char* pOut, int* pnOut) {
+            return AVFilter_Video_Cvt(slot.h, p[0], p[1], p[2], n[0], n[1], n[2], pOut, pnOut);
         });
     }
 
     bool ScaleSet()
     {
         Slot& slot = AnySlot();
-        std::array<int, 6> n{};
-        std::generate(n.begin(), n.end(), [this] { return Number(); });
+        int n[6];
+        std::generate(std::begin(n), std::end(n), [this] { return Number(); });
         const bool bResult =
             Call([&] { return AVFilter_VideoScale_Set(slot.h, n[0], n[1], n[2], n[3], n[4], n[5]); });
-        slot.nGeometry = bResult ? n : std::array<int, 6>{};
+        for (const int i : {0, 1}) {
+            const auto format = static_cast<AVPixelFormat>(n[3 * i]);
+            const int nBytes =
+                bResult ? av_image_get_buffer_size(format, n[3 * i + 1], n[3 * i + 2], 1) : 0;
+            slot.nScaled[i] = std::clamp(nBytes, 0, kLargest);
+        }
         return bResult;
     }
 
     bool ScaleFmt()
     {
         const Slot& slot = AnySlot();
-        const auto bytes = [&n = slot.nGeometry](std::size_t i) {
-            return std::clamp(
-                av_image_get_buffer_size(static_cast<AVPixelFormat>(n[i]), n[i + 1], n[i + 2], 1), 0,
-                kLargest);
-        };
-        GuardedBuffer in(static_cast<std::size_t>(bytes(0)));
+        GuardedBuffer in(static_cast<std::size_t>(slot.nScaled[0]));
         in.Protect();
-        const int nNeeded = bytes(3);
+        const int nNeeded = slot.nScaled[1];
         const int nRoom =
             m_Data.PickValueInArray({nNeeded, nNeeded, nNeeded + 5, nNeeded - 1, 0, -1, INT_MIN});
         GuardedBuffer out(static_cast<std::size_t>(std::max(nRoom, 0)));
@@ -195,7 +199,7 @@ class Machine
         int nOut = nRoom;
         const bool bResult = Call([&] { return AVFilter_VideoScale_Fmt(slot.h, pIn, pOut, &nOut); });
         const bool bTold = bResult || AVFilter_dwErrorCode == AVFILTER_ERROR_VIDEO_BUFFER_TOO_SMALL;
-        Require(nOut == (bTold ? nNeeded : nRoom), "a size that is not the picture's");
+        jobs::Demand(nOut == (bTold ? nNeeded : nRoom), "a size that is not the picture's");
         return bResult;
     }
 
@@ -205,18 +209,12 @@ class Machine
         Slot& slot = AnySlot();
         const jobs::Kind& kind = jobs::kKinds[Below(jobs::kKinds.size())];
         if (slot.pKind != nullptr && slot.pKind->cFamily == kind.cFamily) {
-            slot.Forget();
+            slot = {slot.h};
         }
         return Call([&] { return kind.Destroy(slot.h); });
     }
 
   private:
-    struct Picture {
-        std::array<std::unique_ptr<GuardedBuffer>, 3> planes;
-        std::array<unsigned char*, 3> p{};
-        std::array<int, 3> n{};
-    };
-
     // Every call of the library but the last Destroy goes through here.
     template <class F>
     static bool Call(const F& call)
@@ -235,22 +233,20 @@ class Machine
     }
     static void Destroy(Slot& slot)
     {
-        Require(slot.pKind == nullptr || slot.pKind->Destroy(slot.h), "a destroying call has failed");
-        slot.Forget();
+        jobs::Demand(slot.pKind == nullptr || slot.pKind->Destroy(slot.h), "a destroying call has failed");
+        slot = {slot.h};
     }
-    template <class Info, class F>
-    bool New(const jobs::Kind& kind, const std::vector<Info>& infos, const F& create)
+    template <class F>
+    bool New(Slot& slot, const jobs::Kind& kind, const F& create)
     {
-        Slot& slot = AnySlot();
         Destroy(slot);
         Handle h = 0;
         Handle* const phHandle = OrNull(&h);
         const bool bResult = Call([&] { return create(phHandle); });
-        Require(bResult == (h >= 1000000001ULL && h <= 9000000002ULL) && (bResult || h == 0),
-                "a wrong handle");
+        jobs::Demand(bResult == (h >= 1000000001ULL && h <= 9000000002ULL) && (bResult || h == 0),
+                     "a wrong handle");
         if (bResult) {
-            slot = {h, &kind, {}, {}, false};
-            std::get<std::vector<Info>>(slot.infos) = infos;
+            slot = {h, &kind};
         }
         return bResult;
     }
@@ -283,45 +279,10 @@ class Machine
     }
     void FillIn(AVFILTER_VIDEO_INFO& st_Info)
     {
-        st_Info.nPixelFormat = Number(AV_PIX_FMT_YUV420P);
+        st_Info.nPixelFormat = Number();
         st_Info.nWidth = Number(32);
         st_Info.nHeight = Number(16);
         st_Info.nTimeBase = Number(25);
-    }
-
-    template <class Info>
-    static const Info* Find(const Slot& slot, int nId)
-    {
-        const auto& infos = std::get<std::vector<Info>>(slot.infos);
-        const auto it = std::find_if(infos.begin(), infos.end(),
-                                     [&](const Info& st_Info) { return st_Info.nInputId == nId; });
-        return it == infos.end() ? nullptr : &*it;
-    }
-
-    // Planes of exactly the right size, or one block.
-    Picture AnyPicture(const AVFILTER_VIDEO_INFO* pInfo, bool bWhole)
-    {
-        Picture picture;
-        picture.p[0] = OrNull(Ample().Data());
-        if (bWhole || m_Data.ConsumeBool()) {
-            return picture;
-        }
-        std::array<int, 4> nLinesize{};
-        std::array<std::size_t, 4> nPlane{};
-        const auto format = static_cast<AVPixelFormat>(pInfo == nullptr ? -1 : pInfo->nPixelFormat);
-        if (av_image_fill_linesizes(nLinesize.data(), format, pInfo == nullptr ? 0 : pInfo->nWidth) >= 0) {
-            const std::array<std::ptrdiff_t, 4> nStride{nLinesize[0], nLinesize[1], nLinesize[2],
-                                                        nLinesize[3]};
-            av_image_fill_plane_sizes(nPlane.data(), format, pInfo->nHeight, nStride.data());
-        }
-        for (std::size_t i = 0; i < 3; ++i) {
-            const std::size_t nBytes = std::min<std::size_t>(nPlane[i], kLargest);
-            picture.n[i] = Rarely() ? m_Data.PickValueInArray({-1, INT_MAX, 0}) : static_cast<int>(nBytes);
-            picture.planes[i] = std::make_unique<GuardedBuffer>(nBytes);
-            picture.planes[i]->Protect();
-            picture.p[i] = picture.p[0] == nullptr ? nullptr : picture.planes[i]->Data();
-        }
-        return picture;
     }
 
     // Runs a call that writes a block and its size.
@@ -334,10 +295,11 @@ class Machine
         unsigned char* const pOut = OrNull(out.Data());
         int* const pnOut = OrNull(&nOut);
         const bool bResult = Call([&] { return call(pOut, pnOut); });
-        Require(bResult ? nOut >= 0 && nOut <= 3 * kLargest : nOut == -7,
-                "a size that nothing was written for");
+        jobs::Demand(bResult ? nOut >= 0 && nOut <= 3 * kLargest : nOut == -7,
+                     "a size that nothing was written for");
         unsigned char* const pEnd = out.Data() + std::max(nOut, 0);
-        Require(std::equal(untouched.begin(), untouched.end(), pEnd), "written past the reported size");
+        jobs::Demand(std::equal(untouched.begin(), untouched.end(), pEnd),
+                     "written past the reported size");
         std::fill(out.Data(), pEnd, untouched[0]);
         return bResult;
     }
@@ -346,46 +308,43 @@ class Machine
     std::array<Slot, 6> m_Slots;
 };
 
+// The codes that each may report, and those that may come without the flag.
 struct Operation {
     bool (Machine::*run)();
-    Handle nBase;
-    std::vector<Handle> nCodes; // that it may report, without the base
-    std::vector<Handle> nQuiet; // that may come without the flag
+    std::vector<Handle> nCodes;
+    std::vector<Handle> nQuiet = {};
+};
+constexpr Handle kA = 0x80F0000;
+constexpr Handle kV = 0x80F1000;
+const std::vector<Operation> kOperations{
+    {&Machine::Create<AVFILTER_AUDIO_INFO, false>, {kA + 1, kA + 2, kA + 3, kA + 4, kA + 5}},
+    {&Machine::Create<AVFILTER_AUDIO_INFO, true>, {kA + 1, kA + 2, kA + 3, kA + 4, kA + 5}},
+    {&Machine::Take<jobs::kAudioFilter>, {kA + 1, kA + 6, kA + 7, kA + 8, kA + 9}, {kA + 7}},
+    {&Machine::AudioSend, {kA + 1, kA + 6, kA + 7, kA + 8}, {kA + 6, kA + 7}},
+    {&Machine::Take<jobs::kAudioMix>, {kA + 1, kA + 6, kA + 7, kA + 9}},
+    {&Machine::Create<AVFILTER_VIDEO_INFO, false>, {kV + 1, kV + 2, kV + 3, kV + 4, kV + 5, kV + 6}},
+    {&Machine::Create<AVFILTER_VIDEO_INFO, true>, {kV + 1, kV + 2, kV + 3, kV + 4, kV + 5, kV + 6}},
+    {&Machine::VideoSend<false>, {kV + 1, kV + 2, kV + 7, kV + 8, kV + 9}},
+    {&Machine::VideoSend<true>, {kV + 1, kV + 2, kV + 7, kV + 8}},
+    {&Machine::Take<jobs::kVideoMix>, {kV + 1, kV + 2, kV + 7, kV + 9}},
+    {&Machine::ScaleInit, {kV + 1}},
+    {&Machine::ScaleSet, {kV + 5, kV + 7}},
+    {&Machine::ScaleFmt, {kV + 1, kV + 7, kV + 0x10, kV + 0x11}},
+    {&Machine::DestroyAny, {}},
 };
 
 void Machine::Run()
 {
-    constexpr Handle kAudio = 0x80F0000;
-    constexpr Handle kVideo = 0x80F1000;
-    static const std::vector<Operation> operations{
-        {&Machine::Create<AVFILTER_AUDIO_INFO, false>, kAudio, {1, 2, 3, 4, 5}, {}},
-        {&Machine::Create<AVFILTER_AUDIO_INFO, true>, kAudio, {1, 2, 3, 4, 5}, {}},
-        {&Machine::Take<jobs::kAudioFilter>, kAudio, {1, 6, 7, 8, 9}, {7}},
-        {&Machine::AudioSend, kAudio, {1, 6, 7, 8}, {6, 7}},
-        {&Machine::Take<jobs::kAudioMix>, kAudio, {1, 6, 7, 9}, {}},
-        {&Machine::Create<AVFILTER_VIDEO_INFO, false>, kVideo, {1, 2, 3, 4, 5, 6}, {}},
-        {&Machine::Create<AVFILTER_VIDEO_INFO, true>, kVideo, {1, 2, 3, 4, 5, 6}, {}},
-        {&Machine::VideoCvt, kVideo, {1, 2, 7, 8, 9}, {}},
-        {&Machine::VideoSend, kVideo, {1, 2, 7, 8}, {}},
-        {&Machine::Take<jobs::kVideoMix>, kVideo, {1, 2, 7, 9}, {}},
-        {&Machine::ScaleInit, kVideo, {1}, {}},
-        {&Machine::ScaleSet, kVideo, {5, 7}, {}},
-        {&Machine::ScaleFmt, kVideo, {1, 7, 0x10, 0x11}, {}},
-        {&Machine::DestroyAny, 0, {}, {}},
-    };
-    const auto has = [](const std::vector<Handle>& codes, Handle nCode) {
-        return std::find(codes.begin(), codes.end(), nCode) != codes.end();
+    const auto has = [](const std::vector<Handle>& codes) {
+        return std::find(codes.begin(), codes.end(), AVFilter_dwErrorCode) != codes.end();
     };
     for (int i = 0; i < 48 && m_Data.remaining_bytes() > 0; ++i) {
-        const Operation& operation = operations[Below(operations.size())];
-        const bool bResult = (this->*operation.run)();
-        const Handle nCode = AVFilter_GetLastError(nullptr);
-        if (bResult) {
-            Require(!AVFilter_IsErrorOccur && nCode == 0, "a report after success");
+        const Operation& operation = kOperations[Below(kOperations.size())];
+        if ((this->*operation.run)()) {
+            jobs::Demand(!AVFilter_IsErrorOccur && AVFilter_dwErrorCode == 0, "a report after success");
         } else {
-            Require(has(operation.nCodes, nCode - operation.nBase), "the code is not in the list");
-            Require(AVFilter_IsErrorOccur || has(operation.nQuiet, nCode - operation.nBase),
-                    "the flag is down");
+            jobs::Demand(has(operation.nCodes), "the code is not in the list");
+            jobs::Demand(AVFilter_IsErrorOccur || has(operation.nQuiet), "the flag is down");
         }
     }
 }
