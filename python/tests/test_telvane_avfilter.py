@@ -32,14 +32,21 @@ def ffmpeg(array, before, *after):
 @unittest.skipUnless(shutil.which("ffmpeg"), "no ffmpeg command")
 class BesideTheCommand(unittest.TestCase):
     def test_sounds(self):
-        filters = "anull volume=2:precision=fixed areverse afade=t=out:st=0.3:d=0.2 atempo=1.3 aecho atrim=0.1:0.2"
+        filters = (
+            "[a]anull aresample=11025 volume=2:precision=fixed areverse afade=t=out:st=0.3:d=0.2 atempo=1.3 aecho "
+            "atrim=0.1:0.2 asetpts=PTS+SR [b][a]concat=v=0:a=1 [b][a]acrossfade=ns=500 [a][b]amix=normalize=0 "
+            "[a][b]amix=normalize=0:duration=shortest [b][a]amix=normalize=0:duration=first"
+        )
         for number, description in enumerate(filters.split()):
             dtype, channels = list(RAW)[number % 5], 1 + number % 2
-            sound = noise(dtype, 5001, channels)
+            sound, cut = noise(dtype, 5001, channels), 1500
+            inputs = {"a": sound} | ({"b": sound[:cut]} if "[b]" in description else {})
+            whole = description if "[" in description else "[a]" + description
+            two = f"asplit[a][c];[c]atrim=end_sample={cut}[b];" if len(inputs) > 1 else "anull[a];"
             form = ["-f", RAW[dtype], "-ar", "8000", "-ac", str(channels)]
             with self.subTest(description, dtype=dtype):
-                expected = np.frombuffer(ffmpeg(sound, form, "-af", description, *form), dtype)
-                out = telvane.filter_audio(sound, 8000, description)
+                expected = np.frombuffer(ffmpeg(sound, form, "-filter_complex", f"[0]{two}{whole}", *form), dtype)
+                out = telvane.mix_audio(inputs, 8000, whole)
                 np.testing.assert_array_equal(out, expected.reshape(-1, channels), strict=True)
 
     def test_clips_of_every_layout(self):
@@ -77,8 +84,8 @@ class Arrays(unittest.TestCase):
     def test_a_mix_is_the_sum_of_arrays_of_any_length(self):
         for shape in ((3000,), (3000, 2)):
             a, b = noise("f4", *shape) / 2, noise("f4", *shape)[:1500] / 2
-            np.testing.assert_array_equal(telvane.mix_audio([a, b], 8000)[:1500], a[:1500] + b)
-            np.testing.assert_array_equal(telvane.mix_audio({"x": a, "y": b}, 8000)[1500:], a[1500:])
+            expected = np.concatenate([a[:1500] + b, a[1500:]])
+            np.testing.assert_array_equal(telvane.mix_audio([a, b], 8000), expected)
         self.assertEqual(telvane.filter_audio(a, 8000, "[in]anullsink;sine", samples=1500).shape, (1500, 2))
 
     def test_times_and_ends(self):
@@ -107,8 +114,6 @@ class Arrays(unittest.TestCase):
             (ValueError, "no pictures", lambda: telvane.filter_video([], "null")),
             (ValueError, r"\(4,\)", lambda: telvane.filter_picture(picture[:, 0, 0], "null")),
             (ValueError, "0x4", lambda: telvane.filter_picture(picture[:, :0], "null")),
-            (TypeError, "width.*1.5", lambda: telvane.filter_picture(picture, "null", (1.5, 3))),
-            (TypeError, "height.*'3'", lambda: Picture(3, "3")),
             (TypeError, "rate.*True", lambda: Audio(True)),
             (TypeError, "rate.*29.97", lambda: Picture(6, 4, rate=29.97)),
             (ValueError, "width.*large", lambda: Picture(2**40, 4)),
