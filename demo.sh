@@ -54,7 +54,7 @@ run() {
     echo
     build/demo/bin/telvane-avfilter "$@"
 }
-run probe --video "edgedetect=low=0.06:high=0.16" "$main"
+run probe "$main"
 run video "curves=preset=vintage,vignette" "$main" "$out/vintage.mp4" --length "${length:-1.5}"
 run mix-video "[speaker]crop=252:190:114:83,scale=400:-2,pad=iw+8:ih+8:4:4:white[inset];[main][inset]overlay=W-w-24:H-h-24" \
     --in main="$main" --in speaker="$media/speaker.mp4" "$out/picture-in-picture.mp4" --length "${length:-1.5}"

@@ -1,10 +1,6 @@
 // telvane-avfilter: filters, mixes and scales media files with the library.
 #include "jobs.h"
 
-extern "C" {
-#include <libavutil/parseutils.h>
-}
-
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
@@ -12,7 +8,6 @@ extern "C" {
 #include <cstdio>
 #include <malloc.h>
 #include <new>
-#include <numeric>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,6 +18,7 @@ namespace
 using namespace tool;
 
 constexpr double kLongest = 1e7; // seconds: four months
+constexpr const char* kNameLetters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_";
 
 constexpr const char* kFooter =
     "Encoders and containers take options as the ffmpeg command names them: -c:v libx265, -crf 23,\n"
@@ -32,16 +28,29 @@ constexpr const char* kFooter =
     "input was damaged or cut, 130 interrupted (the output holds what was done until then).\n\n"
     "More examples: `man telvane-avfilter`, and the cookbook in the documentation.\n";
 
+struct Command {
+    std::string_view name;
+    const char* szText;
+    const char* szExample;
+    AVMediaType kind; // of what is filtered, if anything is
+};
+constexpr Command kCommands[] = {
+    {"audio", "Filter the sound of a file", "loudnorm=I=-23 talk.mp4 even.mp4", AVMEDIA_TYPE_AUDIO},
+    {"mix-audio", "Mix the sound of several files", "'[a][b]amix' --in a=one.wav --in b=two.wav both.flac",
+     AVMEDIA_TYPE_AUDIO},
+    {"video", "Filter the pictures of a file", "hflip clip.mp4 mirrored.mp4 -crf 20", AVMEDIA_TYPE_VIDEO},
+    {"mix-video", "Mix the pictures of several files",
+     "'[cam][logo]overlay=8:8' --in cam=cam.mp4 --in logo=logo.png out.mp4", AVMEDIA_TYPE_VIDEO},
+    {"scale", "Scale the pictures of a file", "640x clip.mp4 small.mp4", AVMEDIA_TYPE_VIDEO},
+    {"probe", "Show what a file holds", "clip.mp4", AVMEDIA_TYPE_UNKNOWN}};
+
 struct Arguments {
     Options options;
     std::string input;
     std::vector<std::string> named;
     std::string from;
     std::vector<std::string> streams;
-    std::string rate;
-    std::string pixelFormat;
-    std::string probeAudio;
-    std::string probeVideo;
+    std::string size;
     bool bVerbose = false;
 };
 
@@ -70,159 +79,123 @@ int Report(const Arguments& arguments, Exit exit, const std::string& what, unsig
     return exit;
 }
 
-Source ParseInput(const std::string& text, const std::string& from)
+// "640x360", "640x" or "x360": a side that is missing follows the other one.
+std::string ScaleFilter(const std::string& size)
 {
-    const std::size_t nEqual = text.find('=');
-    const std::string name = text.substr(0, nEqual);
-    const bool bName = !name.empty() && name.size() <= 40 && name != "out" &&
-                       std::all_of(name.begin(), name.end(),
-                                   [](unsigned char c) { return std::isalnum(c) != 0 || c == '_'; });
-    if (nEqual == std::string::npos || !bName) {
-        throw Failure(
-            kUsage,
-            fmt::format("--in {}: write NAME=FILE, the name in letters, digits and _, not out", text));
+    const std::size_t nCross = size.find('x');
+    if (size.size() < 2 || nCross == std::string::npos ||
+        (size.substr(0, nCross) + size.substr(nCross + 1)).find_first_not_of("0123456789") !=
+            std::string::npos) {
+        throw Failure(kUsage, fmt::format("\"{}\" is no size: 640x360, 640x or x360", size));
     }
-    return {name, text.substr(nEqual + 1), from, ""};
+    return fmt::format("scale={}:{}:flags=bilinear", nCross > 0 ? size.substr(0, nCross) : "-1",
+                       nCross + 1 < size.size() ? size.substr(nCross + 1) : "-1");
 }
 
-// --stream SPECIFIER, or NAME=SPECIFIER where there are several inputs.
-void ChooseStream(Options& options, const std::string& text)
-{
-    const std::size_t nEqual = text.find('=');
-    for (Source& source : options.inputs) {
-        if (nEqual == std::string::npos ? options.inputs.size() == 1
-                                        : source.name == text.substr(0, nEqual)) {
-            source.stream = text.substr(nEqual == std::string::npos ? 0 : nEqual + 1);
-            return;
-        }
-    }
-    throw Failure(kUsage, fmt::format("--stream {}: write NAME=STREAM, the name of an input", text));
-}
-
-void Prepare(Arguments& arguments, const std::string& command)
+void Prepare(Arguments& arguments, const Command& command)
 {
     Options& options = arguments.options;
     for (const std::string& text : arguments.named) {
-        options.inputs.push_back(ParseInput(text, arguments.from));
+        const std::size_t nEqual = text.find('=');
+        const std::string name = text.substr(0, nEqual);
+        const bool bName = !name.empty() && name.size() <= 40 && name != "out" &&
+                           name.find_first_not_of(kNameLetters) == std::string::npos;
+        if (nEqual == std::string::npos || !bName) {
+            throw Failure(kUsage,
+                          fmt::format("--in {}: write NAME=FILE, the name in letters, digits and _, "
+                                      "not out",
+                                      text));
+        }
+        for (const Source& other : options.inputs) {
+            if (other.name == name) {
+                throw Failure(kUsage, fmt::format("two inputs are named {}", name));
+            }
+        }
+        options.inputs.push_back({name, text.substr(nEqual + 1), arguments.from, ""});
     }
     if (options.inputs.empty()) {
         options.inputs.push_back({"in", arguments.input, arguments.from, ""});
     }
-    for (std::size_t i = 0; i < options.inputs.size(); ++i) {
-        for (std::size_t j = 0; j < i; ++j) {
-            if (options.inputs[i].name == options.inputs[j].name) {
-                throw Failure(kUsage, fmt::format("two inputs are named {}", options.inputs[i].name));
-            }
+    for (const std::string& text : arguments.streams) { // NAME=SPECIFIER where there are several inputs
+        const bool bNamed = options.inputs.size() > 1;
+        const std::size_t nEqual = bNamed ? text.find('=') : std::string::npos;
+        const auto found =
+            std::find_if(options.inputs.begin(), options.inputs.end(), [&](const Source& source) {
+                return !bNamed || source.name == text.substr(0, nEqual);
+            });
+        if (found == options.inputs.end() || (bNamed && nEqual == std::string::npos)) {
+            throw Failure(kUsage,
+                          fmt::format("--stream {}: write NAME=STREAM, the name of an input", text));
         }
+        found->stream = text.substr(nEqual + 1); // all of it where there is no name
     }
-    for (const std::string& text : arguments.streams) {
-        ChooseStream(options, text);
-    }
-    if (command != "probe" && !options.bExplain && options.output.path.empty()) {
+    OutputWish& output = options.output;
+    if (command.name != "probe" && !options.bExplain && output.path.empty()) {
         throw Failure(kUsage, "an OUTPUT is needed");
     }
-    options.output.bPass = options.pass != "none";
-    if (!arguments.rate.empty() && av_parse_video_rate(&options.output.rate, arguments.rate.c_str()) < 0) {
-        throw Failure(kUsage, fmt::format("--rate {}: no rate", arguments.rate));
-    }
-    if (!arguments.pixelFormat.empty()) {
-        options.pixelFormat = av_get_pix_fmt(arguments.pixelFormat.c_str());
-        if (telvane::FindFormat(options.pixelFormat) == nullptr) {
-            throw Failure(kUsage, fmt::format("--pixel-format {}: not one that the scaler gives",
-                                              arguments.pixelFormat));
-        }
+    output.path = output.path == "/dev/stdout" ? "-" : output.path;
+    if (command.name == "scale") {
+        options.description = ScaleFilter(arguments.size);
     }
 }
 
 // Takes "-crf 18" and the like out of the arguments: all that begin with one dash and are longer than "-v".
-std::vector<std::string> TakeCodecOptions(int argc, char** argv, std::vector<CodecOption>& options)
+std::vector<std::string> TakeCodecOptions(int argc, char** argv, OutputWish& output)
 {
     std::vector<std::string> rest;
     for (int i = 1; i < argc; ++i) {
         const std::string text = argv[i];
         if (text.size() < 3 || text[0] != '-' || std::isalpha(static_cast<unsigned char>(text[1])) == 0) {
             rest.push_back(text);
-            continue;
-        }
-        if (i + 1 == argc) {
+        } else if (i + 1 < argc) {
+            output.options.emplace_back(text.substr(1), argv[++i]);
+        } else {
             throw Failure(kUsage, fmt::format("{}: a value is missing", text));
         }
-        const std::size_t nColon = std::min(text.find(':'), text.size());
-        const std::string kind = text.substr(std::min(nColon + 1, text.size()), 1);
-        options.push_back({text.substr(1, nColon - 1), kind, argv[++i]});
     }
     return rest;
 }
 
-void AddCommon(CLI::App& command, Arguments& arguments)
+void AddCommand(CLI::App& app, const Command& command, Arguments& arguments)
 {
-    command.add_option("--from", arguments.from, "FFmpeg's format of the inputs, where they do not tell");
-    command
-        .add_option("--stream", arguments.streams, "Which stream: 2, a:1, m:language:deu (mixes: NAME=...)")
+    Options& options = arguments.options;
+    OutputWish& output = options.output;
+    CLI::App& to = *app.add_subcommand(std::string(command.name), command.szText);
+    to.footer(
+        fmt::format("Example: telvane-avfilter {} {}\nMore: telvane-avfilter --help, and the cookbook.",
+                    command.name, command.szExample));
+    if (command.name == "scale") {
+        to.add_option("SIZE", arguments.size, "640x360; 640x or x360 keep the shape")->required();
+    } else if (command.name != "probe") {
+        to.add_option("DESCRIPTION", options.description, "An FFmpeg filtergraph text")->required();
+    }
+    if (command.name.starts_with("mix-")) {
+        to.add_option("--in", arguments.named, "NAME=FILE; the name is the label in the description")
+            ->required()
+            ->allow_extra_args(false);
+    } else {
+        to.add_option("INPUT", arguments.input, "A file, or - for standard input")->required();
+    }
+    to.add_option("--from", arguments.from, "FFmpeg's format of the inputs, where they do not tell");
+    to.add_option("--stream", arguments.streams, "Which stream: 2, a:1, m:language:deu (mixes: NAME=...)")
         ->allow_extra_args(false);
-    command.add_flag("--json", arguments.options.bJson, "Report as JSON, failures too");
-    command.add_flag("-v,--verbose", arguments.bVerbose, "Show FFmpeg's messages");
-}
-
-void AddOutput(CLI::App& command, Arguments& arguments)
-{
-    OutputWish& output = arguments.options.output;
-    command.add_option("OUTPUT", output.path, "A file; many pictures: out-%04d.png; - is standard output");
-    command.add_option("--to", output.format,
-                       "Its format, where the name does not tell: mkv, wav, raw ...");
-    command.add_option("--length", output.dLength, "Seconds of output; default: what the inputs give")
+    to.add_flag("--json", options.bJson, "Report as JSON, failures too");
+    to.add_flag("-v,--verbose", arguments.bVerbose, "Show FFmpeg's messages");
+    if (command.name == "probe") {
+        return;
+    }
+    to.add_option("OUTPUT", output.path, "A file; many pictures: out-%04d.png; - is standard output");
+    to.add_option("--to", output.format, "Its format, where the name does not tell: mkv, wav, raw ...");
+    to.add_option("--length", output.dLength, "Seconds of output; default: what the inputs give")
         ->check(CLI::Range(1e-6, kLongest));
-    command.add_option("--pass", arguments.options.pass,
-                       "The input whose other streams are copied, or none; default: the first");
-    command.add_flag("-y,--force", output.bForce, "Replace an output that exists");
-    command.add_flag("--explain", arguments.options.bExplain, "Show the graph, and run nothing");
-    command.add_flag("-q,--quiet", arguments.options.bQuiet, "No progress and no report");
-}
-
-void AddVideo(CLI::App& command, Arguments& arguments)
-{
-    command.add_option("--rate", arguments.rate, "Pictures per second; default: as they come");
-    command.add_option("--at", arguments.options.output.dAt, "For one picture: of which second")
-        ->check(CLI::Range(0.0, kLongest));
-}
-
-// How many letters must change to make one of the other.
-std::size_t Distance(std::string_view a, std::string_view b)
-{
-    std::vector<std::size_t> row(b.size() + 1);
-    std::iota(row.begin(), row.end(), 0U);
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        std::size_t nCorner = row[0]++;
-        for (std::size_t j = 0; j < b.size(); ++j) {
-            const std::size_t nAbove = row[j + 1];
-            row[j + 1] = std::min({nAbove + 1, row[j] + 1, nCorner + (a[i] == b[j] ? 0 : 1)});
-            nCorner = nAbove;
-        }
-    }
-    return row.back();
-}
-
-void CheckCommand(const CLI::App& app, const std::vector<std::string>& words)
-{
-    std::string names;
-    std::string nearest;
-    const std::string written = words.empty() ? "" : words[0];
-    for (const CLI::App* pCommand : app.get_subcommands({})) {
-        const std::string name = pCommand->get_name();
-        names += (names.empty() ? "" : ", ") + name;
-        nearest = nearest.empty() || Distance(written, name) < Distance(written, nearest) ? name : nearest;
-        if (name == written) {
-            return;
-        }
-    }
-    if (written.empty() || !written.starts_with('-')) {
-        const bool bNear = Distance(written, nearest) <= 3 && !written.empty();
-        throw Failure(kUsage, fmt::format("{}; the commands are {}",
-                                          written.empty() ? "say what to do"
-                                          : bNear ? fmt::format("there is no command \"{}\", but {}",
-                                                                written, nearest)
-                                                  : fmt::format("there is no command \"{}\"", written),
-                                          names));
+    to.add_option("--pass", output.pass,
+                  "The input whose other streams are copied, or none; default: the first");
+    to.add_flag("-y,--force", output.bForce, "Replace an output that exists");
+    to.add_flag("--explain", options.bExplain, "Show the graph, and run nothing");
+    to.add_flag("-q,--quiet", options.bQuiet, "No progress and no report");
+    if (command.kind == AVMEDIA_TYPE_VIDEO) {
+        to.add_option("--at", output.dAt, "For one picture: of which second")
+            ->check(CLI::Range(0.0, kLongest));
     }
 }
 
@@ -234,90 +207,36 @@ int Run(int argc, char** argv)
     app.set_version_flag("--version",
                          fmt::format("telvane-avfilter {}.{}.{}", TELVANE_AVFILTER_VERSION_MAJOR,
                                      TELVANE_AVFILTER_VERSION_MINOR, TELVANE_AVFILTER_VERSION_PATCH));
-    app.require_subcommand(1);
     Arguments arguments;
     Options& options = arguments.options;
-
-    const auto add = [&](const char* szName, const char* szText, const std::string& example) {
-        CLI::App& command = *app.add_subcommand(szName, szText);
-        command.footer("Example: telvane-avfilter " + example +
-                       "\nMore: telvane-avfilter --help, and the cookbook.");
-        AddCommon(command, arguments);
-        return &command;
-    };
-    const auto addDescription = [&](CLI::App& command) {
-        command.add_option("DESCRIPTION", options.description, "An FFmpeg filtergraph text")->required();
-    };
-    const auto addInput = [&](CLI::App& command) {
-        command.add_option("INPUT", arguments.input, "A file, or - for standard input")->required();
-    };
-    const auto addInputs = [&](CLI::App& command) {
-        command.add_option("--in", arguments.named, "NAME=FILE; the name is the label in the description")
-            ->required()
-            ->allow_extra_args(false);
-    };
-
-    CLI::App* pAudio = add("audio", "Filter the sound of a file", "audio loudnorm=I=-23 talk.mp4 even.mp4");
-    addDescription(*pAudio);
-    addInput(*pAudio);
-    AddOutput(*pAudio, arguments);
-
-    CLI::App* pMixAudio = add("mix-audio", "Mix the sound of several files",
-                              "mix-audio '[a][b]amix' --in a=one.wav --in b=two.wav both.flac");
-    addDescription(*pMixAudio);
-    addInputs(*pMixAudio);
-    AddOutput(*pMixAudio, arguments);
-
-    CLI::App* pVideo =
-        add("video", "Filter the pictures of a file", "video hflip clip.mp4 mirrored.mp4 -crf 20");
-    addDescription(*pVideo);
-    addInput(*pVideo);
-    AddOutput(*pVideo, arguments);
-    AddVideo(*pVideo, arguments);
-
-    CLI::App* pMixVideo =
-        add("mix-video", "Mix the pictures of several files",
-            "mix-video '[cam][logo]overlay=8:8' --in cam=cam.mp4 --in logo=logo.png out.mp4");
-    addDescription(*pMixVideo);
-    addInputs(*pMixVideo);
-    AddOutput(*pMixVideo, arguments);
-    AddVideo(*pMixVideo, arguments);
-
-    CLI::App* pScale = add("scale", "Scale the pictures of a file", "scale 640x clip.mp4 small.mp4");
-    pScale->add_option("SIZE", options.size, "640x360; 640x or x360 keep the shape")->required();
-    addInput(*pScale);
-    AddOutput(*pScale, arguments);
-    AddVideo(*pScale, arguments);
-    pScale->add_option("--pixel-format", arguments.pixelFormat,
-                       "What the scaler gives; default: the input's");
-
-    CLI::App* pProbe = add("probe", "Show what a file holds, and what descriptions turn it into",
-                           "probe --video scale=640:-2 clip.mp4");
-    addInput(*pProbe);
-    pProbe->add_option("--audio", arguments.probeAudio, "A description for its sound");
-    pProbe->add_option("--video", arguments.probeVideo, "A description for its pictures");
-
+    std::vector<std::string_view> names;
+    for (const Command& command : kCommands) {
+        AddCommand(app, command, arguments);
+        names.push_back(command.name);
+    }
     try {
         options.bJson = std::find(argv, argv + argc, std::string_view("--json")) != argv + argc;
-        std::vector<std::string> words = TakeCodecOptions(argc, argv, options.output.options);
-        CheckCommand(app, words);
+        std::vector<std::string> words = TakeCodecOptions(argc, argv, options.output);
+        const std::string first = words.empty() ? "" : words[0];
+        const auto* pChosen = std::find_if(std::begin(kCommands), std::end(kCommands),
+                                           [&](const Command& command) { return command.name == first; });
+        if (pChosen == std::end(kCommands) && !first.starts_with('-')) {
+            throw Failure(kUsage, fmt::format("there is no command \"{}\"; say first what to do: {}", first,
+                                              fmt::join(names, ", ")));
+        }
         std::reverse(words.begin(), words.end()); // CLI11 takes them from the back
         try {
-            app.parse(words);
+            app.require_subcommand(1)->parse(words);
         } catch (const CLI::ParseError& error) {
             if (error.get_exit_code() == 0) {
                 return app.exit(error);
             }
             throw Failure(kUsage, error.what());
         }
-        const CLI::App* pChosen = app.get_subcommands().front();
         CatchLog(arguments.bVerbose);
         CatchSignals();
-        Prepare(arguments, pChosen->get_name());
-        return pChosen == pAudio || pChosen == pMixAudio   ? RunFilter(options, AVMEDIA_TYPE_AUDIO)
-               : pChosen == pVideo || pChosen == pMixVideo ? RunFilter(options, AVMEDIA_TYPE_VIDEO)
-               : pChosen == pScale                         ? RunScale(options)
-                                   : RunProbe(options, arguments.probeAudio, arguments.probeVideo);
+        Prepare(arguments, *pChosen);
+        return pChosen->name == "probe" ? RunProbe(options) : RunFilter(options, pChosen->kind);
     } catch (const Failure& failure) {
         if (IsInterrupted()) {
             return Report(arguments, kInterrupted, "interrupted before there was anything to keep");

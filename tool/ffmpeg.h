@@ -13,13 +13,13 @@ extern "C" {
 #include <libavutil/opt.h>
 #include <libavutil/pixdesc.h>
 #include <libswresample/swresample.h>
-#include <libswscale/swscale.h>
 }
 
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <string>
 #include <vector>
 
 namespace tool
@@ -33,9 +33,6 @@ struct Freer {
         Free(&p);
     }
 };
-struct SwsFreer {
-    void operator()(SwsContext* p) const { sws_freeContext(p); }
-};
 using FormatPtr = std::unique_ptr<AVFormatContext, Freer<avformat_close_input>>;
 using CodecPtr = std::unique_ptr<AVCodecContext, Freer<avcodec_free_context>>;
 using PacketPtr = std::unique_ptr<AVPacket, Freer<av_packet_free>>;
@@ -43,7 +40,6 @@ using FramePtr = std::unique_ptr<AVFrame, Freer<av_frame_free>>;
 using GraphPtr = std::unique_ptr<AVFilterGraph, Freer<avfilter_graph_free>>;
 using PoolPtr = std::unique_ptr<AVBufferPool, Freer<av_buffer_pool_uninit>>;
 using SwrPtr = std::unique_ptr<SwrContext, Freer<swr_free>>;
-using SwsPtr = std::unique_ptr<SwsContext, SwsFreer>;
 
 template <class Ptr>
 Ptr Made(typename Ptr::pointer p)
@@ -54,6 +50,42 @@ inline FramePtr NewFrame()
 {
     return Made<FramePtr>(av_frame_alloc());
 }
+
+// Options by name, of which FFmpeg's functions leave those that they do not know.
+class Dictionary
+{
+  public:
+    Dictionary() = default;
+    Dictionary(const Dictionary&) = delete;
+    Dictionary& operator=(const Dictionary&) = delete;
+    ~Dictionary() { av_dict_free(&m_p); }
+    AVDictionary** At() { return &m_p; }
+    void Set(const std::string& name, const std::string& value, int nFlags = 0)
+    {
+        av_dict_set(&m_p, name.c_str(), value.c_str(), nFlags);
+    }
+    const char* Get(const char* szName) const
+    {
+        const AVDictionaryEntry* pEntry = av_dict_get(m_p, szName, nullptr, 0);
+        return pEntry != nullptr ? pEntry->value : nullptr;
+    }
+    // Its value, or ""; it is gone then.
+    std::string Take(const char* szName)
+    {
+        const char* szValue = Get(szName);
+        std::string value = szValue != nullptr ? szValue : "";
+        av_dict_set(&m_p, szName, nullptr, 0);
+        return value;
+    }
+    std::string First() const // name
+    {
+        const AVDictionaryEntry* pEntry = av_dict_get(m_p, "", nullptr, AV_DICT_IGNORE_SUFFIX);
+        return pEntry != nullptr ? pEntry->key : "";
+    }
+
+  private:
+    AVDictionary* m_p = nullptr;
+};
 
 // How long a picture is shown, in the units of its pts; 0: not known. 6.0 renamed it.
 inline int64_t ShownFor(const AVFrame& frame)

@@ -13,34 +13,11 @@ namespace
 {
 
 // What the user calls it: the tool's own filters may stand before it.
-std::string NameOf(const End& source)
+std::string NameOf(const std::string& label)
 {
     constexpr std::string_view kSource = "source@";
-    return source.label.substr(source.label.starts_with(kSource) ? kSource.size() : 0);
+    return label.substr(label.starts_with(kSource) ? kSource.size() : 0);
 }
-
-std::string Labels(const std::vector<End>& sources)
-{
-    std::string text;
-    for (const End& source : sources) {
-        text += fmt::format("{}[{}]", text.empty() ? "" : ", ", NameOf(source));
-    }
-    return text + " and [out]";
-}
-
-// Lists that the parser fills.
-struct Ends {
-    Ends() = default;
-    Ends(const Ends&) = delete;
-    Ends& operator=(const Ends&) = delete;
-    ~Ends()
-    {
-        avfilter_inout_free(&pInputs);
-        avfilter_inout_free(&pOutputs);
-    }
-    AVFilterInOut* pInputs = nullptr;
-    AVFilterInOut* pOutputs = nullptr;
-};
 
 [[noreturn]] void Refuse(const std::string& what)
 {
@@ -75,115 +52,80 @@ void RefuseUnknowable(const AVFilterGraph& graph)
     }
 }
 
-// The standard output is not the filters' while something is tried.
-class Silenced
+// What was left over when the labels were linked. Its outputs are those that nothing takes.
+void RefuseOpen(const std::vector<End>& sources, const AVFilterInOut* pInputs,
+                const AVFilterInOut* pOutputs)
 {
-  public:
-    Silenced() : m_nKept(dup(STDOUT_FILENO)), m_nNull(open("/dev/null", O_WRONLY | O_CLOEXEC))
-    {
-        static_cast<void>(dup2(m_nNull, STDOUT_FILENO));
+    const AVFilterInOut* pOpen = pInputs != nullptr ? pInputs : pOutputs;
+    if (pOpen == nullptr) {
+        return;
     }
-    Silenced(const Silenced&) = delete;
-    Silenced& operator=(const Silenced&) = delete;
-    ~Silenced()
-    {
-        static_cast<void>(dup2(m_nKept, STDOUT_FILENO));
-        close(m_nKept);
-        close(m_nNull);
+    const std::string name = pOpen->name != nullptr ? NameOf(pOpen->name) : "";
+    const char* szFilter = pOpen->filter_ctx->filter->name;
+    std::string labels;
+    bool bKnown = false;
+    for (const End& source : sources) {
+        labels += fmt::format("{}[{}]", labels.empty() ? "" : ", ", NameOf(source.label));
+        bKnown = bKnown || NameOf(source.label) == name;
     }
-
-  private:
-    int m_nKept;
-    int m_nNull;
-};
-
-End SourceFor(const Input& input, const std::string& label)
-{
-    const Form& form = input.Gives();
-    if (form.kind == AVMEDIA_TYPE_AUDIO) {
-        return {label, "abuffer",
-                fmt::format("time_base=1/{0}:sample_rate={0}:sample_fmt={1}:channel_layout={2}",
-                            form.audio.rate, av_get_sample_fmt_name(form.audio.format),
-                            LayoutName(form.layout))};
-    }
-    const AVRational base = input.Stream().time_base;
-    const AVRational aspect = input.First().sample_aspect_ratio;
-    return {label, "buffer",
-            fmt::format("video_size={}x{}:pix_fmt={}:time_base={}/{}:frame_rate={}/{}:pixel_aspect={}/{}",
-                        form.picture.width, form.picture.height, av_get_pix_fmt_name(form.picture.format),
-                        base.num, base.den, input.Rate().num, input.Rate().den, aspect.num,
-                        std::max(1, aspect.den))};
+    const bool bUnused = pInputs == nullptr ? bKnown : std::string_view(szFilter).ends_with("buffersink");
+    const std::string what = bUnused  ? fmt::format("the description does not use [{}]", name)
+                             : bKnown ? fmt::format("[{}] is used twice: split makes two of it", name)
+                             : pInputs == nullptr ? fmt::format("nothing takes {}[{}]", szFilter, name)
+                             : name.empty()       ? fmt::format("{} needs to be told its input", szFilter)
+                                                  : fmt::format("nothing leads to [{}]", name);
+    Refuse(fmt::format("{}; labels here: {} and [out]", what, labels));
 }
 
 } // namespace
 
-GraphPtr BuildGraph(const std::vector<End>& sources, const std::string& sink, const std::string& text,
+End SourceOf(const std::string& label, const Form& form, AVRational base, AVRational rate,
+             AVRational aspect)
+{
+    if (form.kind == AVMEDIA_TYPE_AUDIO) {
+        return {label, fmt::format("time_base={}/{}:sample_rate={}:sample_fmt={}:channel_layout={}",
+                                   base.num, base.den, form.audio.rate,
+                                   av_get_sample_fmt_name(form.audio.format), LayoutName(form.layout))};
+    }
+    return {label,
+            fmt::format("video_size={}x{}:pix_fmt={}:time_base={}/{}:frame_rate={}/{}:pixel_aspect={}/{}",
+                        form.picture.width, form.picture.height, av_get_pix_fmt_name(form.picture.format),
+                        base.num, base.den, rate.num, rate.den, aspect.num, std::max(1, aspect.den))};
+}
+
+GraphPtr BuildGraph(AVMediaType kind, const std::vector<End>& sources, const std::string& text,
                     std::vector<AVFilterContext*>& ends)
 {
     GraphPtr graph = Made<GraphPtr>(avfilter_graph_alloc());
     graph->nb_threads = 1;
-    Ends open;
-    CheckText(avfilter_graph_parse2(graph.get(), text.c_str(), &open.pInputs, &open.pOutputs));
-    RefuseUnknowable(*graph);
-    const auto create = [&](const std::string& filter, const std::string& name,
-                            const std::string& arguments) {
+    AVFilterInOut* pInputs = nullptr;
+    AVFilterInOut* pOutputs = nullptr;
+    const Finally freed([&] {
+        avfilter_inout_free(&pInputs);
+        avfilter_inout_free(&pOutputs);
+    });
+    const auto add = [&](const std::string& filter, const End& end, AVFilterInOut*& pList) {
+        const std::string name = (kind == AVMEDIA_TYPE_AUDIO ? "a" : "") + filter;
         AVFilterContext* pFilter =
-            avfilter_graph_alloc_filter(graph.get(), avfilter_get_by_name(filter.c_str()), name.c_str());
-        if (pFilter == nullptr) {
+            avfilter_graph_alloc_filter(graph.get(), avfilter_get_by_name(name.c_str()), end.label.c_str());
+        AVFilterInOut* pOpen = avfilter_inout_alloc();
+        if (pFilter == nullptr || pOpen == nullptr) {
             throw std::bad_alloc();
         }
+        *pOpen = {av_strdup(end.label.c_str()), pFilter, 0, pList};
+        pList = pOpen;
+        ends.push_back(pFilter);
         // As the ffmpeg command does, where there is such an option.
         static_cast<void>(av_opt_set_int(pFilter, "all_channel_counts", 1, AV_OPT_SEARCH_CHILDREN));
-        CheckText(avfilter_init_str(pFilter, arguments.c_str()));
-        return pFilter;
+        CheckText(avfilter_init_str(pFilter, end.arguments.c_str()));
     };
     for (const End& source : sources) {
-        ends.push_back(create(source.filter, source.label, source.arguments));
+        add("buffer", source, pOutputs);
     }
-    ends.push_back(create(sink, "out", ""));
-    const auto link = [](AVFilterContext* pFrom, int nFrom, AVFilterContext* pTo, int nTo) {
-        CheckText(avfilter_link(pFrom, static_cast<unsigned>(nFrom), pTo, static_cast<unsigned>(nTo)));
-    };
-    for (const AVFilterInOut* p = open.pInputs; p != nullptr; p = p->next) {
-        const std::string label = p->name != nullptr    ? p->name
-                                  : sources.size() == 1 ? sources[0].label
-                                                        : "";
-        const auto found = std::find_if(sources.begin(), sources.end(),
-                                        [&](const End& source) { return source.label == label; });
-        if (found == sources.end()) {
-            Refuse(label.empty()
-                       ? fmt::format("{} needs to be told its input; labels here: {}",
-                                     p->filter_ctx->filter->name, Labels(sources))
-                       : fmt::format("nothing leads to [{}]; labels here: {}", label, Labels(sources)));
-        }
-        AVFilterContext* pSource = ends[static_cast<std::size_t>(found - sources.begin())];
-        if (pSource->outputs[0] != nullptr) {
-            Refuse(fmt::format("[{}] is used twice: split makes two of it", label));
-        }
-        link(pSource, 0, p->filter_ctx, p->pad_idx);
-    }
-    const auto refuseUnused = [&](const std::string& label) {
-        Refuse(fmt::format("the description does not use [{}]; labels here: {}", label, Labels(sources)));
-    };
-    for (const AVFilterInOut* p = open.pOutputs; p != nullptr; p = p->next) {
-        for (const End& source : sources) {
-            if (p->name != nullptr && NameOf(source) == p->name) {
-                refuseUnused(p->name);
-            }
-        }
-        if ((p->name != nullptr && std::string_view(p->name) != "out") ||
-            ends.back()->inputs[0] != nullptr) {
-            Refuse(fmt::format("nothing takes {} of {}; labels here: {}",
-                               p->name != nullptr ? fmt::format("[{}]", p->name) : "the output",
-                               p->filter_ctx->filter->name, Labels(sources)));
-        }
-        link(p->filter_ctx, p->pad_idx, ends.back(), 0);
-    }
-    for (std::size_t i = 0; i < ends.size(); ++i) {
-        if (i < sources.size() ? ends[i]->outputs[0] == nullptr : ends[i]->inputs[0] == nullptr) {
-            refuseUnused(i < sources.size() ? NameOf(sources[i]) : "out");
-        }
-    }
+    add("buffersink", {"out", ""}, pInputs);
+    CheckText(avfilter_graph_parse_ptr(graph.get(), text.c_str(), &pInputs, &pOutputs, nullptr));
+    RefuseUnknowable(*graph);
+    RefuseOpen(sources, pInputs, pOutputs);
     CheckText(avfilter_graph_config(graph.get(), nullptr));
     return graph;
 }
@@ -192,18 +134,32 @@ Outcome Preview(const std::vector<std::unique_ptr<Input>>& inputs, const std::ve
                 const std::string& text)
 {
     ForgetLog();
-    const Muted muted;
-    const Silenced silenced;
-    const bool bVideo = inputs[0]->Gives().kind == AVMEDIA_TYPE_VIDEO;
+    MuteLog(true);
+    // The standard output is not the filters' while something is tried.
+    const int nKept = dup(STDOUT_FILENO);
+    const int nNull = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    static_cast<void>(dup2(nNull, STDOUT_FILENO));
+    const Finally restored([&] {
+        static_cast<void>(dup2(nKept, STDOUT_FILENO));
+        close(nKept);
+        close(nNull);
+        MuteLog(false);
+    });
+    const AVMediaType kind = inputs[0]->Gives().kind;
+    const bool bVideo = kind == AVMEDIA_TYPE_VIDEO;
     std::vector<End> sources;
     for (std::size_t i = 0; i < inputs.size(); ++i) {
-        sources.push_back(SourceFor(*inputs[i], labels[i]));
+        const Input& input = *inputs[i];
+        sources.push_back(
+            SourceOf(labels[i], input.Gives(),
+                     bVideo ? input.Stream().time_base : AVRational{1, input.Gives().audio.rate},
+                     input.Rate(), input.First().sample_aspect_ratio));
     }
     std::vector<AVFilterContext*> ends;
-    const GraphPtr graph = BuildGraph(sources, bVideo ? "buffersink" : "abuffersink", text, ends);
+    const GraphPtr graph = BuildGraph(kind, sources, text, ends);
     AVFilterContext* pSink = ends.back();
     Outcome out;
-    out.form.kind = inputs[0]->Gives().kind;
+    out.form.kind = kind;
     out.timeBase = av_buffersink_get_time_base(pSink);
     char* szDump = avfilter_graph_dump(graph.get(), nullptr);
     out.dump = szDump != nullptr ? szDump : "";

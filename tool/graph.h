@@ -10,16 +10,18 @@
 namespace tool
 {
 
-// An end of a graph: the label in the text, FFmpeg's filter, and its arguments.
+// A source of a graph: the label in the text, and what FFmpeg's buffer is told.
 struct End {
     std::string label;
-    std::string filter;
     std::string arguments;
 };
+// aspect: of a pixel; base: of times.
+End SourceOf(const std::string& label, const Form& form, AVRational base, AVRational rate,
+             AVRational aspect);
 
 // Sources, the text, and a sink behind its label "out"; configured. The filters of sources and sink, in
-// this order, go to pEnds.
-GraphPtr BuildGraph(const std::vector<End>& sources, const std::string& sink, const std::string& text,
+// this order, go to ends.
+GraphPtr BuildGraph(AVMediaType kind, const std::vector<End>& sources, const std::string& text,
                     std::vector<AVFilterContext*>& ends);
 
 // What comes out.

@@ -13,8 +13,10 @@ extern "C" {
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <csignal>
 #include <filesystem>
 #include <sys/stat.h>
+#include <tuple>
 
 namespace tool
 {
@@ -37,27 +39,28 @@ constexpr int64_t kCut = AV_TIME_BASE / 2;
 // Coarse time bases wobble by less.
 constexpr double kGap = 0.01; // seconds
 
-// The full-range formats of JPEG files are the plain ones with another range.
-AVPixelFormat Plain(AVPixelFormat format)
+// Of what a decoder gives; a block may have any length.
+Form FormOf(const AVFrame& frame)
 {
-    switch (format) {
-    case AV_PIX_FMT_YUVJ420P:
-        return AV_PIX_FMT_YUV420P;
-    case AV_PIX_FMT_YUVJ422P:
-        return AV_PIX_FMT_YUV422P;
-    case AV_PIX_FMT_YUVJ444P:
-        return AV_PIX_FMT_YUV444P;
-    default:
-        return format;
+    Form form;
+    form.kind = frame.nb_samples > 0 ? AVMEDIA_TYPE_AUDIO : AVMEDIA_TYPE_VIDEO;
+    if (form.kind == AVMEDIA_TYPE_VIDEO) {
+        form.picture = {static_cast<AVPixelFormat>(frame.format), frame.width, frame.height};
+    } else {
+        form.layout = Native(frame.ch_layout);
+        form.audio = {static_cast<AVSampleFormat>(frame.format), frame.sample_rate, form.layout.nb_channels,
+                      0};
     }
+    return form;
 }
 
-bool IsFull(const AVFrame& frame)
+bool IsSame(const Form& a, const Form& b)
 {
-    const auto format = static_cast<AVPixelFormat>(frame.format);
-    const AVPixFmtDescriptor* pDescriptor = av_pix_fmt_desc_get(format);
-    return frame.color_range == AVCOL_RANGE_JPEG || Plain(format) != format ||
-           (pDescriptor->flags & (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL)) != 0;
+    const auto all = [](const Form& form) {
+        return std::tie(form.picture.format, form.picture.width, form.picture.height, form.audio.format,
+                        form.audio.rate, form.audio.channels);
+    };
+    return all(a) == all(b);
 }
 
 // The library's format that loses least.
@@ -136,10 +139,9 @@ Demuxer::Demuxer(const Source& source) : m_Source(source)
             throw Failure(kUsage, fmt::format("FFmpeg knows no input format \"{}\"", format));
         }
     }
-    AVDictionary* pOptions = nullptr;
+    Dictionary options;
     if (nColon != std::string::npos &&
-        av_dict_parse_string(&pOptions, source.format.c_str() + nColon + 1, "=", ":", 0) < 0) {
-        av_dict_free(&pOptions);
+        av_dict_parse_string(options.At(), source.format.c_str() + nColon + 1, "=", ":", 0) < 0) {
         throw Failure(kUsage, fmt::format("--from {}: write FORMAT:OPTION=VALUE:...", source.format));
     }
     // A colon in the name of a file that exists is no protocol.
@@ -155,16 +157,11 @@ Demuxer::Demuxer(const Source& source) : m_Source(source)
     pContext->opaque = &m_Files;
     Opening::pDefault = pContext->io_open;
     pContext->io_open = Opening::Open;
-    const int nOpened = avformat_open_input(&pContext, url.c_str(), pFormat, &pOptions);
-    const AVDictionaryEntry* pUnused =
-        nOpened >= 0 ? av_dict_get(pOptions, "", nullptr, AV_DICT_IGNORE_SUFFIX) : nullptr;
-    const std::string unused = pUnused != nullptr ? pUnused->key : "";
-    av_dict_free(&pOptions);
-    Check(nOpened, kInput, path);
+    Check(avformat_open_input(&pContext, url.c_str(), pFormat, options.At()), kInput, path);
     m_Format.reset(pContext);
-    if (!unused.empty()) {
+    if (!options.First().empty()) {
         throw Failure(kUsage, fmt::format("--from {}: {} has no option \"{}\"", source.format,
-                                          pContext->iformat->name, unused));
+                                          pContext->iformat->name, options.First()));
     }
     Check(avformat_find_stream_info(pContext, nullptr), kInput, path);
     // The clock starts with the file; what a codec needs before 0 is decoded and dropped.
@@ -175,7 +172,7 @@ Demuxer::Demuxer(const Source& source) : m_Source(source)
     m_Clocks.resize(m_Format->nb_streams);
 }
 
-AVStream* Demuxer::Choose(AVMediaType kind, bool bRefuse) const
+AVStream* Demuxer::Choose(AVMediaType kind) const
 {
     if (m_Source.stream.empty()) {
         const int nStream = av_find_best_stream(m_Format.get(), kind, -1, -1, nullptr, 0);
@@ -193,11 +190,7 @@ AVStream* Demuxer::Choose(AVMediaType kind, bool bRefuse) const
             return pStream;
         }
     }
-    if (!bRefuse) {
-        return nullptr;
-    }
-    throw Failure(kUsage, fmt::format("--stream {}: {} has no such {} stream", m_Source.stream,
-                                      m_Source.path, av_get_media_type_string(kind)));
+    return nullptr;
 }
 
 bool Demuxer::IsRepeatable() const
@@ -209,6 +202,13 @@ bool Demuxer::IsRepeatable() const
 double Demuxer::Seconds() const
 {
     return m_Format->duration > 0 ? static_cast<double>(m_Format->duration) / AV_TIME_BASE : 0;
+}
+
+double Demuxer::At(const AVPacket& packet) const
+{
+    const int64_t nTime = packet.dts != AV_NOPTS_VALUE ? packet.dts : packet.pts;
+    const AVRational base = m_Format->streams[packet.stream_index]->time_base;
+    return nTime != AV_NOPTS_VALUE ? static_cast<double>(nTime) * av_q2d(base) : -kForever;
 }
 
 bool Demuxer::IsCut() const
@@ -276,9 +276,11 @@ Input::Input(const Source& source, AVMediaType kind)
       m_Frames(kind == AVMEDIA_TYPE_AUDIO ? kMostBlocks : kMostPictures)
 {
     const std::string& path = source.path;
+    const char* szKind = kind == AVMEDIA_TYPE_VIDEO ? "pictures" : "sound";
     if (m_pStream == nullptr) {
-        throw Failure(
-            kInput, fmt::format("{} holds no {}", path, kind == AVMEDIA_TYPE_VIDEO ? "pictures" : "sound"));
+        throw Failure(source.stream.empty() ? kInput : kUsage,
+                      fmt::format("{} holds no {}{}{}", path, szKind,
+                                  source.stream.empty() ? "" : " that is called ", source.stream));
     }
     const AVCodecID id = m_pStream->codecpar->codec_id;
     const AVCodec* pCodec = avcodec_find_decoder(id);
@@ -300,29 +302,28 @@ Input::Input(const Source& source, AVMediaType kind)
     }
     m_First = Decode();
     if (!m_First) {
-        throw Failure(kInput, fmt::format("{} holds no {} that can be decoded", path,
-                                          kind == AVMEDIA_TYPE_VIDEO ? "picture" : "sound"));
+        throw Failure(kInput, fmt::format("{} holds no {} that can be decoded", path, szKind));
     }
-    m_Form.kind = kind;
-    if (kind == AVMEDIA_TYPE_VIDEO) {
-        m_Form.picture = {AV_PIX_FMT_NONE, m_First->width, m_First->height};
-        SetFormat(Nearest(static_cast<AVPixelFormat>(m_First->format)));
-        const AVRational rate = av_guess_frame_rate(&format, m_pStream, nullptr);
-        if (rate.num > 0 && rate.den > 0 && av_q2d(rate) >= 0.01 && av_q2d(rate) <= 1000) {
-            m_Rate = rate;
-        }
+    m_Form = FormOf(*m_First);
+    if (kind == AVMEDIA_TYPE_AUDIO) {
+        m_Form.audio.format = av_get_packed_sample_fmt(m_Form.audio.format);
+        m_Form.audio.samples =
+            m_pStream->codecpar->frame_size > 0 ? m_pStream->codecpar->frame_size : m_First->nb_samples;
         return;
     }
-    m_Form.layout = Native(m_First->ch_layout);
-    m_Form.audio = {av_get_packed_sample_fmt(static_cast<AVSampleFormat>(m_First->format)),
-                    m_First->sample_rate, m_Form.layout.nb_channels,
-                    m_pStream->codecpar->frame_size > 0 ? m_pStream->codecpar->frame_size
-                                                        : std::max(1, m_First->nb_samples)};
+    const AVRational rate = av_guess_frame_rate(&format, m_pStream, nullptr);
+    if (rate.num > 0 && rate.den > 0 && av_q2d(rate) >= 0.01 && av_q2d(rate) <= 1000) {
+        m_Rate = rate;
+    }
+    m_Form.picture.format = Nearest(m_Form.picture.format);
+    Prepare(std::move(m_First));
+    m_First = Next();
 }
 
 Input::~Input()
 {
-    Stop(-1);
+    m_dUntil = -kForever;
+    Stop();
     Join();
 }
 
@@ -351,18 +352,22 @@ bool Input::ReadPacket()
     if (!m_Demuxer.Read(*m_Packet)) {
         return false;
     }
-    const auto nStream = static_cast<std::size_t>(m_Packet->stream_index);
-    if (m_Packet->stream_index != m_pStream->index) {
-        PacketPtr clone = m_Pass && (nStream >= m_Passed.size() || !m_Passed[nStream])
-                              ? nullptr
-                              : Made<PacketPtr>(av_packet_clone(m_Packet.get()));
-        if (!m_Pass) {
-            m_Early.push_back(std::move(clone));
-        } else if (clone) {
-            m_Pass(std::move(clone));
-        }
+    if (m_Packet->stream_index == m_pStream->index) {
+        return true;
     }
-    return true;
+    PacketPtr clone = Made<PacketPtr>(av_packet_clone(m_Packet.get()));
+    if (!m_Pass) {
+        m_Early.push_back(std::move(clone));
+        return true;
+    }
+    return PassOn(std::move(clone));
+}
+
+bool Input::PassOn(PacketPtr packet)
+{
+    const auto nStream = static_cast<std::size_t>(packet->stream_index);
+    const bool bWanted = nStream < m_Passed.size() && m_Passed[nStream] && m_Demuxer.At(*packet) < m_dUntil;
+    return !bWanted || m_Pass(std::move(packet));
 }
 
 FramePtr Input::Decode()
@@ -408,11 +413,12 @@ FramePtr Input::Decode()
 
 Length Input::Measure(bool bDecode)
 {
-    const Muted muted;
+    MuteLog(true);
+    const Finally heard([] { MuteLog(false); });
     Length length;
     if (bDecode) {
         Input again(m_Source, m_Form.kind);
-        again.Start({}, [](const PacketPtr&) {});
+        again.Start({}, 0, [](const PacketPtr&) { return false; });
         while (const FramePtr frame = again.Next()) {
             length.times.push_back(frame->pts);
             length.nSamples += frame->nb_samples;
@@ -444,8 +450,9 @@ Length Input::Measure(bool bDecode)
     return length;
 }
 
-void Input::Start(std::vector<bool> passed, Pass pass)
+void Input::Start(std::vector<bool> passed, double dUntil, Pass pass)
 {
+    m_dUntil = dUntil;
     m_Passed = std::move(passed);
     m_Passed.resize(m_Demuxer.Format().nb_streams);
     m_Pass = std::move(pass);
@@ -454,24 +461,21 @@ void Input::Start(std::vector<bool> passed, Pass pass)
         AVStream& stream = *format.streams[i];
         stream.discard = m_Passed[i] || &stream == m_pStream ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
     }
-    m_bRunning = true;
-    m_Thread = std::thread([this] {
+    m_Done = std::async(std::launch::async, [this] {
+        m_Thread = pthread_self();
         try {
             Run();
         } catch (...) {
             m_Error = std::current_exception();
         }
         m_Frames.End();
-        m_bRunning = false;
     });
 }
 
 void Input::Run()
 {
     for (PacketPtr& packet : m_Early) {
-        if (m_Passed[static_cast<std::size_t>(packet->stream_index)]) {
-            m_Pass(std::move(packet));
-        }
+        PassOn(std::move(packet));
     }
     m_Early.clear();
     FramePtr frame = std::move(m_First);
@@ -484,12 +488,7 @@ void Input::Run()
     // What is passed on may be stored seconds behind what it belongs to.
     constexpr double kBehind = 5;
     while (std::find(m_Passed.begin(), m_Passed.end(), true) != m_Passed.end() && !IsInterrupted() &&
-           ReadPacket()) {
-        const AVRational base = m_Demuxer.Format().streams[m_Packet->stream_index]->time_base;
-        if (m_Packet->dts != AV_NOPTS_VALUE &&
-            static_cast<double>(m_Packet->dts) * av_q2d(base) > m_dUntil + kBehind) {
-            break;
-        }
+           m_Demuxer.At(*m_Packet) < m_dUntil + kBehind && ReadPacket()) {
     }
 }
 
@@ -502,98 +501,22 @@ FramePtr Input::Next()
     return frame ? std::move(*frame) : nullptr;
 }
 
-void Input::Stop(double dUntil)
+void Input::Stop()
 {
-    m_dUntil = dUntil;
     m_bStopped = true;
     m_Frames.Abandon();
 }
 
 void Input::Join()
 {
-    while (m_bRunning && IsInterrupted()) {
-        Wake(m_Thread.native_handle());
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    if (m_Thread.joinable()) {
-        m_Thread.join();
-    }
-}
-
-void Input::Prepare(FramePtr frame)
-{
-    if (m_Form.kind == AVMEDIA_TYPE_AUDIO) {
-        PrepareSound(std::move(frame));
-    } else if (frame) {
-        m_Frames.Put(Converted(std::move(frame)));
-    }
-}
-
-// ---- Pictures -----------------------------------------------------------------------------------
-
-void PictureConverter::Convert(const AVFrame& from, AVFrame& to)
-{
-    const AVPixelFormat fromFormat = Plain(static_cast<AVPixelFormat>(from.format));
-    const AVPixelFormat toFormat = Plain(static_cast<AVPixelFormat>(to.format));
-    const AVColorSpace space = from.colorspace != AVCOL_SPC_UNSPECIFIED ? from.colorspace : to.colorspace;
-    const std::array<int, 9> key{from.width, from.height,        fromFormat,
-                                 to.width,   to.height,          toFormat,
-                                 space,      IsFull(to) ? 1 : 0, IsFull(from) ? 1 : 0};
-    if (!m_Context || key != m_Key) {
-        m_Key = key;
-        m_Context.reset(sws_alloc_context());
-        // The ranges from the start: FFmpeg chooses by them how it converts.
-        const std::pair<const char*, int> options[] = {
-            {"srcw", from.width},
-            {"srch", from.height},
-            {"src_format", fromFormat},
-            {"src_range", key[8]},
-            {"dstw", to.width},
-            {"dsth", to.height},
-            {"dst_format", toFormat},
-            {"dst_range", key[7]},
-            {"sws_flags", SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT}};
-        bool bSet = m_Context != nullptr;
-        for (const auto& [szName, nValue] : options) {
-            bSet = bSet && av_opt_set_int(m_Context.get(), szName, nValue, 0) >= 0;
+    while (m_Done.valid() && m_Done.wait_for(std::chrono::milliseconds(10)) != std::future_status::ready) {
+        if (IsInterrupted() && m_Thread != pthread_t{}) { // it may be waiting for a pipe
+            pthread_kill(m_Thread, SIGUSR1);
         }
-        if (!bSet || sws_init_context(m_Context.get(), nullptr, nullptr) < 0) {
-            throw Failure(kOther,
-                          fmt::format("FFmpeg cannot convert {} to {}", av_get_pix_fmt_name(fromFormat),
-                                      av_get_pix_fmt_name(toFormat)));
-        }
-        const int* pMatrix = sws_getCoefficients(space == AVCOL_SPC_UNSPECIFIED || space == AVCOL_SPC_RGB
-                                                     ? SWS_CS_DEFAULT
-                                                     : static_cast<int>(space));
-        sws_setColorspaceDetails(m_Context.get(), pMatrix, key[8], pMatrix, key[7], 0, 1 << 16, 1 << 16);
     }
-    Check(sws_scale(m_Context.get(), from.data, from.linesize, 0, from.height, to.data, to.linesize),
-          kOther, "converting a picture");
 }
 
-void Input::SetFormat(AVPixelFormat format)
-{
-    m_Form.picture.format = format;
-    m_First = Converted(std::move(m_First));
-}
-
-FramePtr Input::Converted(FramePtr frame)
-{
-    const telvane::Picture& form = m_Form.picture;
-    if (frame->format != form.format || frame->width != form.width || frame->height != form.height) {
-        FramePtr converted = NewFrame();
-        av_frame_copy_props(converted.get(), frame.get());
-        converted->format = form.format;
-        converted->width = form.width;
-        converted->height = form.height;
-        Check(av_frame_get_buffer(converted.get(), 0), kOther, "a picture");
-        m_Converter.Convert(*frame, *converted);
-        frame = std::move(converted);
-    }
-    return frame;
-}
-
-// ---- Sound --------------------------------------------------------------------------------------
+// ---- Conversion ---------------------------------------------------------------------------------
 
 AVChannelLayout Native(const AVChannelLayout& layout)
 {
@@ -616,58 +539,60 @@ std::string LayoutName(const AVChannelLayout& layout)
     return text.data();
 }
 
-void Input::OpenSound(const AVFrame& frame)
+void Input::OpenConverter(const AVFrame& frame)
 {
-    const AVRational base = m_pStream->time_base;
-    const telvane::AudioStream& form = m_Form.audio;
-    std::vector<AVFilterContext*> ends;
-    m_Sound = BuildGraph(
-        {{"in", "abuffer",
-          fmt::format("time_base={}/{}:sample_rate={}:sample_fmt={}:channel_layout={}", base.num, base.den,
-                      frame.sample_rate, av_get_sample_fmt_name(static_cast<AVSampleFormat>(frame.format)),
-                      LayoutName(Native(frame.ch_layout)))}},
-        "abuffersink",
-        fmt::format("aresample={0}:async=1:min_hard_comp={1}:first_pts={2},"
-                    "aformat=sample_fmts={3}:sample_rates={0}:channel_layouts={4}",
-                    form.rate, kGap, m_nSamples, av_get_sample_fmt_name(form.format),
-                    LayoutName(m_Form.layout)),
-        ends);
-    m_pSoundIn = ends[0];
-    m_pSoundOut = ends[1];
-    av_buffersink_set_frame_size(m_pSoundOut, static_cast<unsigned>(form.samples));
-    m_SoundKey = {frame.format, frame.sample_rate, frame.ch_layout.nb_channels};
-}
-
-void Input::DrainSound()
-{
-    while (true) {
-        FramePtr block = NewFrame();
-        if (!m_Sound || av_buffersink_get_frame(m_pSoundOut, block.get()) < 0) {
-            return;
-        }
-        m_nSamples += block->nb_samples;
-        m_Frames.Put(std::move(block));
+    const telvane::AudioStream& audio = m_Form.audio;
+    const telvane::Picture& picture = m_Form.picture;
+    const std::string text =
+        m_Form.kind == AVMEDIA_TYPE_AUDIO
+            ? fmt::format("aresample={0}:async=1:min_hard_comp={1}:first_pts={2},"
+                          "aformat=sample_fmts={3}:sample_rates={0}:channel_layouts={4}",
+                          audio.rate, kGap, m_nSamples, av_get_sample_fmt_name(audio.format),
+                          LayoutName(m_Form.layout))
+            : fmt::format("scale={}:{}:flags=bicubic+accurate_rnd+full_chroma_int,format={}", picture.width,
+                          picture.height, av_get_pix_fmt_name(picture.format));
+    m_Converted = FormOf(frame);
+    m_Ends.clear();
+    m_Converter = BuildGraph(
+        m_Form.kind, {SourceOf("in", m_Converted, m_pStream->time_base, m_Rate, frame.sample_aspect_ratio)},
+        text, m_Ends);
+    if (m_Form.kind == AVMEDIA_TYPE_AUDIO) {
+        av_buffersink_set_frame_size(m_Ends[1], static_cast<unsigned>(audio.samples));
     }
 }
 
-void Input::PrepareSound(FramePtr frame)
+void Input::Drain()
 {
-    const bool bChanged =
-        frame && m_SoundKey != std::array{frame->format, frame->sample_rate, frame->ch_layout.nb_channels};
-    if (m_Sound && (!frame || bChanged)) {
-        Check(av_buffersrc_add_frame(m_pSoundIn, nullptr), kInput, "converting samples");
-        DrainSound();
+    for (FramePtr frame = NewFrame(); av_buffersink_get_frame(m_Ends[1], frame.get()) >= 0;
+         frame = NewFrame()) {
+        m_nSamples += frame->nb_samples;
+        m_Frames.Put(std::move(frame));
+    }
+}
+
+// Changes on the way are converted away. Null is the end.
+void Input::Prepare(FramePtr frame)
+{
+    if (m_Converter && !(frame && IsSame(m_Converted, FormOf(*frame)))) {
+        Check(av_buffersrc_add_frame(m_Ends[0], nullptr), kInput, "converting");
+        Drain();
+        m_Converter.reset();
     }
     if (!frame) {
         return;
     }
-    if (bChanged) {
-        OpenSound(*frame);
+    if (m_Form.kind == AVMEDIA_TYPE_VIDEO && IsSame(m_Form, FormOf(*frame))) {
+        m_Frames.Put(std::move(frame));
+        return;
     }
-    AVChannelLayout layout = Native(frame->ch_layout);
-    av_channel_layout_copy(&frame->ch_layout, &layout);
-    Check(av_buffersrc_add_frame(m_pSoundIn, frame.get()), kInput, "converting samples");
-    DrainSound();
+    if (!m_Converter) {
+        OpenConverter(*frame);
+    }
+    if (m_Form.kind == AVMEDIA_TYPE_AUDIO) {
+        av_channel_layout_copy(&frame->ch_layout, &m_Converted.layout);
+    }
+    Check(av_buffersrc_add_frame(m_Ends[0], frame.get()), kInput, "converting");
+    Drain();
 }
 
 } // namespace tool

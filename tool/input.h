@@ -9,11 +9,11 @@
 #include <array>
 #include <atomic>
 #include <functional>
+#include <future>
 #include <limits>
 #include <set>
 #include <string>
 #include <sys/types.h>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -23,6 +23,8 @@ namespace tool
 using FileId = std::pair<dev_t, ino_t>;
 // Of the regular file that this name leads to.
 std::optional<FileId> IdOf(const std::string& path);
+
+constexpr double kForever = std::numeric_limits<double>::infinity();
 
 struct Source {
     std::string name;   // the label in the description
@@ -39,12 +41,13 @@ class Demuxer
 
     AVFormatContext& Format() const { return *m_Format; }
     // The stream of this kind that the source asks for, or the best one; nothing if there is none.
-    AVStream* Choose(AVMediaType kind, bool bRefuse = true) const;
+    AVStream* Choose(AVMediaType kind) const;
     // Whether it can be read from its start again, and ends.
     bool IsRepeatable() const;
     // False at the end.
     bool Read(AVPacket& packet);
-    double Seconds() const; // by the file's header; 0: not known
+    double Seconds() const;                  // by the file's header; 0: not known
+    double At(const AVPacket& packet) const; // seconds; minus infinity: not known
     // Whether it broke off, or before the length that its header tells.
     bool IsCut() const;
     const std::set<FileId>& Files() const { return m_Files; }
@@ -64,17 +67,6 @@ class Demuxer
     int64_t m_nEnd = 0;   // the latest end of a packet
     bool m_bEnded = false;
     bool m_bBroken = false;
-};
-
-// Converts pictures between any two formats and sizes, with the right matrix and range.
-class PictureConverter
-{
-  public:
-    void Convert(const AVFrame& from, AVFrame& to);
-
-  private:
-    SwsPtr m_Context;
-    std::array<int, 9> m_Key{}; // what it was set up for
 };
 
 // What the library is given: the decoder's pictures, in the nearest format that it knows, or packed samples
@@ -106,20 +98,20 @@ class Input
     const AVStream& Stream() const { return *m_pStream; }
     const AVFrame& First() const { return *m_First; }
     const Form& Gives() const { return m_Form; }
-    // Pictures come in this one, converted if need be. Before Start.
-    void SetFormat(AVPixelFormat format);
     AVRational Rate() const { return m_Rate; } // of pictures, as far as the file tells
     // From its packets, or by decoding it all. Also leaves the names of all its files in Files().
     Length Measure(bool bDecode);
     const std::set<FileId>& Files() const { return m_Files; }
 
-    // Starts reading: packets of the streams that are marked go to pass, on the input's thread.
-    using Pass = std::function<void(PacketPtr)>;
-    void Start(std::vector<bool> passed, Pass pass);
+    // Starts reading: packets of the streams that are marked go to pass, on the input's thread, until it
+    // takes no more.
+    using Pass = std::function<bool(PacketPtr)>;
+    // What begins dUntil seconds after the start or later is not passed on.
+    void Start(std::vector<bool> passed, double dUntil, Pass pass);
     // The next picture or block, its pts in the stream's time base; null at the end.
     FramePtr Next();
-    // Nothing more is decoded; passed packets go on until this time.
-    void Stop(double dUntil);
+    // Nothing more is decoded; packets are still passed on.
+    void Stop();
     // Waits until all has been passed on.
     void Join();
     // Damaged packets, or at least one where the file breaks off.
@@ -127,13 +119,12 @@ class Input
 
   private:
     bool ReadPacket();
+    bool PassOn(PacketPtr packet);
     FramePtr Decode();
     void Run();
     void Prepare(FramePtr frame);
-    FramePtr Converted(FramePtr frame);
-    void PrepareSound(FramePtr frame);
-    void OpenSound(const AVFrame& frame);
-    void DrainSound();
+    void OpenConverter(const AVFrame& frame);
+    void Drain();
 
     Source m_Source;
     Demuxer m_Demuxer;
@@ -148,22 +139,20 @@ class Input
     std::atomic<int> m_nDamaged = 0;
     bool m_bFlushed = false;
 
-    PictureConverter m_Converter;
-    GraphPtr m_Sound; // brings samples to the form
-    AVFilterContext* m_pSoundIn = nullptr;
-    AVFilterContext* m_pSoundOut = nullptr;
-    std::array<int, 3> m_SoundKey{};
+    GraphPtr m_Converter; // to the form
+    Form m_Converted;     // what it converts
+    std::vector<AVFilterContext*> m_Ends;
     int64_t m_nSamples = 0;
 
     std::vector<PacketPtr> m_Early; // read before it was known what is passed on
     std::vector<bool> m_Passed;
     Pass m_Pass;
     std::atomic<bool> m_bStopped = false;
-    std::atomic<double> m_dUntil = std::numeric_limits<double>::infinity();
+    std::atomic<double> m_dUntil = 0;
     Queue<FramePtr> m_Frames;
+    std::atomic<pthread_t> m_Thread{};
     std::exception_ptr m_Error;
-    std::atomic<bool> m_bRunning = false;
-    std::thread m_Thread;
+    std::future<void> m_Done;
 };
 
 // The filters that turn the pictures upright, as the file says they are shown; or "".

@@ -11,7 +11,139 @@ namespace tool
 namespace
 {
 
-constexpr double kForever = std::numeric_limits<double>::infinity();
+bool IsUsual(const AVChannelLayout& layout)
+{
+    AVChannelLayout usual{};
+    av_channel_layout_default(&usual, layout.nb_channels);
+    return av_channel_layout_compare(&layout, &usual) == 0;
+}
+
+// A filter that calls the channels by the places of another layout and leaves the samples as they are.
+std::string Relabel(const AVChannelLayout& layout)
+{
+    std::string map = "0";
+    for (int i = 1; i < layout.nb_channels; ++i) {
+        map += fmt::format("|{}", i);
+    }
+    return fmt::format("channelmap=map={}:channel_layout={}", map, LayoutName(layout));
+}
+
+// What stands between the library's input and its label: "" or filters.
+std::string Head(const Options& options, const Input& input)
+{
+    std::string text;
+    const auto add = [&text](const std::string& filter) {
+        text += (text.empty() || filter.empty() ? "" : ",") + filter;
+    };
+    const double dLength = options.output.dLength;
+    if (input.Gives().kind == AVMEDIA_TYPE_VIDEO) {
+        // The file's, because filters round to it.
+        const AVRational base = input.Stream().time_base;
+        add(fmt::format("settb={}/{}", base.num, base.den));
+        add(TurnOf(input.Stream()));
+        add(dLength > 0 ? fmt::format("tpad=stop_mode=clone:stop_duration={}", dLength) : "");
+        return text;
+    }
+    add(IsUsual(input.Gives().layout) ? "" : Relabel(input.Gives().layout));
+    add(dLength > 0 ? fmt::format("apad=whole_dur={}", dLength) : "");
+    return text;
+}
+
+// Bits of its samples in the file; 0: not known.
+int DepthOf(const Input& input)
+{
+    const AVCodecParameters& parameters = *input.Stream().codecpar;
+    if (parameters.codec_type == AVMEDIA_TYPE_AUDIO) {
+        return parameters.bits_per_raw_sample;
+    }
+    const AVPixFmtDescriptor* pPixels = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(parameters.format));
+    return pPixels != nullptr ? pPixels->comp[0].depth : 0;
+}
+
+// The graph that is run: the description with what the tool adds, and the labels of the inputs in it.
+struct Text {
+    std::vector<std::string> labels;
+    std::string text;
+};
+Text TextOf(const Options& options, const Inputs& inputs)
+{
+    Text text;
+    std::string heads;
+    for (const auto& input : inputs) {
+        const std::string& name = input->Of().name;
+        const std::string head = Head(options, *input);
+        text.labels.push_back(head.empty() ? name : "source@" + name);
+        heads += head.empty() ? "" : fmt::format("[{}]{}[{}];", text.labels.back(), head, name);
+    }
+    text.text = heads + (inputs.size() == 1 && inputs[0]->Of().name == "in"
+                             ? telvane::detail::FromIn(options.description)
+                             : options.description);
+    return text;
+}
+
+// The filters that leave just this.
+std::string Ending(const Outcome& outcome)
+{
+    if (outcome.form.kind == AVMEDIA_TYPE_VIDEO) {
+        return fmt::format("format={}", av_get_pix_fmt_name(outcome.form.picture.format));
+    }
+    const telvane::AudioStream& audio = outcome.form.audio;
+    std::string text =
+        fmt::format("aformat=sample_fmts={}:sample_rates={}:channel_layouts={}",
+                    av_get_sample_fmt_name(audio.format), audio.rate, LayoutName(outcome.form.layout));
+    if (!IsUsual(outcome.form.layout)) {
+        AVChannelLayout usual{};
+        av_channel_layout_default(&usual, audio.channels);
+        text += "," + Relabel(usual);
+    }
+    return text;
+}
+
+// The one whose other streams are copied, or null.
+Input* ChooseOthers(const Options& options, const Inputs& inputs, const Output& output)
+{
+    if (!output.TakesOthers()) {
+        return nullptr;
+    }
+    for (const auto& input : inputs) {
+        const bool bHas = input->File().Format().nb_streams > 1;
+        if (options.output.pass.empty() ? bHas : options.output.pass == input->Of().name) {
+            return input.get();
+        }
+    }
+    if (!options.output.pass.empty()) {
+        throw Failure(kUsage, fmt::format("--pass {}: there is no such input", options.output.pass));
+    }
+    return nullptr;
+}
+
+// The picture's planes, packed into the buffer only where they are not tight already.
+std::array<std::span<const std::byte>, 4> Planes(const AVFrame& frame, std::vector<std::byte>& buffer)
+{
+    const telvane::Picture picture{static_cast<AVPixelFormat>(frame.format), frame.width, frame.height};
+    const telvane::Planes sizes = telvane::PlaneBytes(picture);
+    std::array<std::span<const std::byte>, 4> planes;
+    bool bTight = true;
+    for (std::size_t i = 0; i < planes.size(); ++i) {
+        planes[i] = {reinterpret_cast<const std::byte*>(frame.data[i]), sizes[i]};
+        bTight = bTight &&
+                 (sizes[i] == 0 || frame.linesize[i] == av_image_get_linesize(picture.format, frame.width,
+                                                                              static_cast<int>(i)));
+    }
+    if (!bTight) {
+        buffer.resize(telvane::PictureBytes(picture));
+        const std::byte* pNext = buffer.data();
+        Check(av_image_copy_to_buffer(reinterpret_cast<uint8_t*>(buffer.data()),
+                                      static_cast<int>(buffer.size()), frame.data, frame.linesize,
+                                      picture.format, picture.width, picture.height, 1),
+              kOther, "a picture");
+        for (std::size_t i = 0; i < planes.size(); ++i) {
+            planes[i] = {pNext, sizes[i]};
+            pNext += sizes[i];
+        }
+    }
+    return planes;
+}
 
 // An input turned out to be of another length than its packets told, or its pictures to stand elsewhere.
 struct Mismeasured {
@@ -60,7 +192,7 @@ bool IsEven(const std::vector<int64_t>& times, AVRational base, AVRational rate)
     return true;
 }
 
-Lane Measured(const Options& options, Input& input, bool bDecode)
+Lane Measured(Input& input, bool bDecode)
 {
     Lane lane;
     lane.pInput = &input;
@@ -75,9 +207,6 @@ Lane Measured(const Options& options, Input& input, bool bDecode)
         lane.length = input.Measure(true);
     }
     const std::vector<int64_t>& times = lane.length->times;
-    if (times.size() == 1 && options.output.rate.num > 0) {
-        lane.rate = options.output.rate; // a still lasts as long as one picture
-    }
     const AVRational base = input.Stream().time_base;
     const AVRational mean = input.Stream().avg_frame_rate;
     if (bVideo && times.size() > 1 && !IsEven(times, base, lane.rate)) {
@@ -199,139 +328,145 @@ double SendMore(telvane::AudioMixer& mixer, std::size_t nInput, Lane& lane)
     return static_cast<double>(lane.nSent) / Rate(lane);
 }
 
+void SetForm(const telvane::VideoMixer& mixer, AVFrame& frame, double /*dMost*/)
+{
+    const telvane::Picture& picture = mixer.Output();
+    frame.format = picture.format;
+    frame.width = picture.width;
+    frame.height = picture.height;
+    av_image_fill_arrays(frame.data, frame.linesize, frame.buf[0]->data, picture.format, picture.width,
+                         picture.height, 1);
+}
+// linesize: the bytes that were written; dMost: seconds of them that are wanted.
+void SetForm(const telvane::AudioMixer& mixer, AVFrame& frame, double dMost)
+{
+    const telvane::AudioStream& audio = mixer.Output();
+    const int nSample = static_cast<int>(mixer.OutputBytes()) / audio.samples;
+    frame.format = audio.format;
+    const int nSamples = frame.linesize[0] / nSample;
+    frame.nb_samples =
+        static_cast<int>(std::min(static_cast<double>(nSamples), std::ceil(dMost * audio.rate - 0.5)));
+}
+
 class Job
 {
   public:
-    Job(const Options& options, AVMediaType kind)
-        : m_Options(options), m_Kind(kind), m_Inputs(OpenInputs(options, kind))
+    Job(const Options& options, AVMediaType kind) : m_Options(options), m_Kind(kind), m_Inputs(OpenInputs())
     {
     }
 
     Exit Run()
     {
-        const Text text = TextOf(m_Options, m_Inputs);
-        Outcome outcome;
+        m_Text = TextOf(m_Options, m_Inputs);
         if (m_Options.output.path.empty() || m_Kind == AVMEDIA_TYPE_AUDIO) {
-            outcome = Preview(m_Inputs, text.labels, text.text);
+            m_Outcome = Preview(m_Inputs, m_Text.labels, m_Text.text);
         }
         if (m_Options.output.path.empty()) {
-            return Explain(outcome);
+            return Explain(m_Options, m_Inputs, m_Outcome);
         }
         Output output(m_Options.output, m_Kind, *m_Inputs[0]);
-        outcome = Preview(m_Inputs, text.labels, Append(text.text, output.Restriction(outcome)));
-        outcome.nDepth = DepthOf(*m_Inputs[0]);
+        m_Outcome = Preview(m_Inputs, m_Text.labels, Append(m_Text.text, output.Restriction(m_Outcome)));
+        m_Outcome.nDepth = DepthOf(*m_Inputs[0]);
+        m_Text.text = Append(m_Text.text, Ending(m_Outcome) + output.MakeEven(m_Outcome.form.picture));
         if (m_Options.bExplain) {
-            return Explain(outcome);
+            return Explain(m_Options, m_Inputs, m_Outcome);
         }
         std::vector<Lane> lanes = Measure();
         std::set<FileId> files;
+        double dLongest = 0;
         for (const Lane& lane : lanes) {
-            files.insert(lane.pInput->Files().begin(), lane.pInput->Files().end());
-            outcome.bUneven = outcome.bUneven || lane.bUneven;
-        }
-        output.Guard(files);
-        WarnOfPipes(lanes);
-        Input* pOthers = ChooseOthers(m_Options, m_Inputs, output);
-        const std::size_t nOthers = pOthers != nullptr ? IndexOf(pOthers) : m_Inputs.size();
-        const std::vector<bool> wanted = output.Open(outcome, pOthers, *m_Inputs[0]);
-        const std::string whole = Append(text.text, Ending(outcome));
-        Progress progress(m_Options.bQuiet, SecondsToDo());
-        m_dMost = SecondsToDo() > 0 ? Most(SecondsToDo()) : kForever;
-        m_pOutput = &output;
-        m_pProgress = &progress;
-        while (true) {
-            try {
-                ForgetLog();
-                if (m_Kind == AVMEDIA_TYPE_VIDEO) {
-                    std::vector<telvane::VideoInput> inputs;
-                    for (std::size_t i = 0; i < lanes.size(); ++i) {
-                        inputs.push_back({text.labels[i], VideoOf(lanes[i])});
-                    }
-                    telvane::VideoMixer mixer(inputs, whole, outcome.form.picture);
-                    Start(nOthers, wanted);
-                    Feed(mixer, lanes);
-                } else {
-                    std::vector<telvane::AudioInput> inputs;
-                    for (std::size_t i = 0; i < lanes.size(); ++i) {
-                        inputs.push_back({text.labels[i], m_Inputs[i]->Gives().audio});
-                        if (lanes[i].length) {
-                            inputs.back().stream.length = lanes[i].length->nSamples;
-                        }
-                    }
-                    outcome.form.audio.samples = output.BlockSamples();
-                    telvane::AudioMixer mixer(inputs, whole, outcome.form.audio);
-                    Start(nOthers, wanted);
-                    Feed(mixer, lanes);
-                }
-                break;
-            } catch (const Mismeasured& wrong) {
-                // Once more from the start, by what decoding gives; what is out already stays.
-                if (m_Decoded.count(wrong.nInput) != 0) {
-                    throw Failure(kInput, fmt::format("{} decodes differently each time",
-                                                      m_Options.inputs[wrong.nInput].path));
-                }
-                m_Decoded.insert(wrong.nInput);
-                m_nSkip = m_nReceived;
-                m_nReceived = 0;
-                m_Inputs.clear();
-                m_Inputs = OpenInputs(m_Options, m_Kind);
-                lanes = Measure();
+            const Input& input = *lane.pInput;
+            files.insert(input.Files().begin(), input.Files().end());
+            m_Outcome.bUneven = m_Outcome.bUneven || lane.bUneven;
+            dLongest = std::max(dLongest, input.File().Seconds());
+            if (!lane.length) {
+                Tell(m_Options, fmt::format("nobody knows how long {} is: what filters hold back or add at "
+                                            "its end is lost",
+                                            input.Of().path));
             }
         }
-        return Finish(m_Options, m_Inputs, output, Describe(m_Options, m_Inputs, outcome),
-                      progress.Elapsed(), m_bCut || m_Options.output.dLength > 0);
+        output.Guard(files);
+        const Input* pOthers = ChooseOthers(m_Options, m_Inputs, output);
+        m_nOthers = static_cast<std::size_t>(
+            std::find_if(m_Inputs.begin(), m_Inputs.end(),
+                         [&](const auto& input) { return input.get() == pOthers; }) -
+            m_Inputs.begin());
+        m_Wanted = output.Open(m_Outcome, pOthers, *m_Inputs[0]);
+        m_Outcome.form.audio.samples = output.BlockSamples();
+        const double dToDo = m_Options.output.dLength > 0 ? m_Options.output.dLength : dLongest;
+        Progress progress(m_Options.bQuiet, dToDo);
+        m_dMost = dToDo > 0 ? Most(dToDo) : kForever;
+        m_pOutput = &output;
+        m_pProgress = &progress;
+        while (!Mixed(lanes)) {
+            lanes = Measure();
+        }
+        return Finish(m_Options, m_Inputs, output, Describe(m_Inputs, m_Outcome), progress.Elapsed());
     }
 
   private:
-    Exit Explain(const Outcome& outcome) const
+    Inputs OpenInputs() const
     {
-        PrintExplanation(m_Options, Describe(m_Options, m_Inputs, outcome), outcome.dump);
-        return kDone;
-    }
-    std::size_t IndexOf(const Input* pInput) const
-    {
-        std::size_t i = 0;
-        while (m_Inputs[i].get() != pInput) {
-            ++i;
+        Inputs inputs;
+        for (const Source& source : m_Options.inputs) {
+            inputs.push_back(std::make_unique<Input>(source, m_Kind));
         }
-        return i;
-    }
-    double SecondsToDo() const
-    {
-        double dLongest = 0;
-        for (const auto& input : m_Inputs) {
-            dLongest = std::max(dLongest, input->File().Seconds());
-        }
-        return m_Options.output.dLength > 0 ? m_Options.output.dLength : dLongest;
+        return inputs;
     }
     std::vector<Lane> Measure()
     {
         std::vector<Lane> lanes;
         for (std::size_t i = 0; i < m_Inputs.size(); ++i) {
-            lanes.push_back(Measured(m_Options, *m_Inputs[i], m_Decoded.count(i) != 0));
+            lanes.push_back(Measured(*m_Inputs[i], m_Decoded.count(i) != 0));
         }
         return lanes;
     }
-    void WarnOfPipes(const std::vector<Lane>& lanes) const
+
+    // False if it must be done once more from the start, by what decoding gives; what is out already stays.
+    bool Mixed(std::vector<Lane>& lanes)
     {
-        for (const Lane& lane : lanes) {
-            if (!lane.length) {
-                Tell(m_Options, fmt::format("nobody knows how long {} is: what filters hold back or add at "
-                                            "its end is lost",
-                                            lane.pInput->Of().path));
+        ForgetLog();
+        try {
+            if (m_Kind == AVMEDIA_TYPE_VIDEO) {
+                std::vector<telvane::VideoInput> inputs;
+                for (std::size_t i = 0; i < lanes.size(); ++i) {
+                    inputs.push_back({m_Text.labels[i], VideoOf(lanes[i])});
+                }
+                telvane::VideoMixer mixer(inputs, m_Text.text, m_Outcome.form.picture);
+                Feed(mixer, lanes);
+            } else {
+                std::vector<telvane::AudioInput> inputs;
+                for (std::size_t i = 0; i < lanes.size(); ++i) {
+                    inputs.push_back({m_Text.labels[i], m_Inputs[i]->Gives().audio});
+                    if (lanes[i].length) {
+                        inputs.back().stream.length = lanes[i].length->nSamples;
+                    }
+                }
+                telvane::AudioMixer mixer(inputs, m_Text.text, m_Outcome.form.audio);
+                Feed(mixer, lanes);
             }
+        } catch (const Mismeasured& wrong) {
+            if (!m_Decoded.insert(wrong.nInput).second) {
+                throw Failure(kInput, fmt::format("{} decodes differently each time",
+                                                  m_Options.inputs[wrong.nInput].path));
+            }
+            m_nSkip = std::exchange(m_nReceived, 0);
+            m_Inputs.clear();
+            m_Inputs = OpenInputs();
+            return false;
         }
+        return true;
     }
-    void Start(std::size_t nOthers, const std::vector<bool>& wanted)
+
+    void Start()
     {
-        const int64_t nPassed = m_nPassed; // before, if this is the second time
-        m_nPassed = 0;
+        const int64_t nPassed = m_nPassed.exchange(0); // before, if this is the second time
+        const double dLength = m_Options.output.dLength;
+        const double dUntil = dLength > 0 ? dLength : Most(kForever);
         for (std::size_t i = 0; i < m_Inputs.size(); ++i) {
-            m_Inputs[i]->Start(i == nOthers ? wanted : std::vector<bool>(),
+            m_Inputs[i]->Start(i == m_nOthers ? m_Wanted : std::vector<bool>(), dUntil,
                                [this, nPassed](PacketPtr packet) {
-                                   if (++m_nPassed > nPassed) {
-                                       m_pOutput->Pass(std::move(packet));
-                                   }
+                                   return ++m_nPassed <= nPassed || m_pOutput->Pass(std::move(packet));
                                });
         }
     }
@@ -345,21 +480,24 @@ class Job
                 av_buffer_pool_init(mixer.OutputBytes() + AV_INPUT_BUFFER_PADDING_SIZE, nullptr));
         }
         while (!IsInterrupted()) {
-            FramePtr frame = Wrapped(*m_Pool, PictureOf(mixer));
+            FramePtr frame = NewFrame();
+            frame->buf[0] = av_buffer_pool_get(m_Pool.get());
+            if (frame->buf[0] == nullptr) {
+                throw std::bad_alloc();
+            }
+            frame->data[0] = frame->buf[0]->data;
             const telvane::Received received =
-                mixer.Receive({reinterpret_cast<std::byte*>(frame->buf[0]->data), mixer.OutputBytes()});
+                mixer.Receive({reinterpret_cast<std::byte*>(frame->data[0]), mixer.OutputBytes()});
             if (!received) {
                 return received.state;
             }
             const double dTime =
                 received.time ? static_cast<double>(received.time->count()) / 1e6 : m_dTime;
             m_dTime = std::max(m_dTime, dTime);
-            SetSamples(mixer, *frame, received.bytes, dUntil - dTime);
-            if (dTime >= dUntil) {
-                return telvane::State::kEnd;
-            }
-            if (++m_nReceived > m_nSkip && !m_pOutput->Put(std::move(frame), dTime)) {
-                m_bFull = true;
+            frame->linesize[0] = static_cast<int>(received.bytes);
+            SetForm(mixer, *frame, dUntil - dTime);
+            m_bFull = dTime < dUntil && ++m_nReceived > m_nSkip && !m_pOutput->Put(std::move(frame), dTime);
+            if (m_bFull || dTime >= dUntil) {
                 return telvane::State::kEnd;
             }
             if (m_dTime > m_dMost) {
@@ -368,24 +506,11 @@ class Job
         }
         return telvane::State::kEnd;
     }
-    static telvane::Picture PictureOf(const telvane::VideoMixer& mixer) { return mixer.Output(); }
-    static telvane::Picture PictureOf(const telvane::AudioMixer&) { return {}; }
-    static void SetSamples(const telvane::VideoMixer&, AVFrame&, std::size_t, double) {}
-    static void SetSamples(const telvane::AudioMixer& mixer, AVFrame& frame, std::size_t nBytes,
-                           double dMost)
-    {
-        const telvane::AudioStream& out = mixer.Output();
-        const std::size_t nSamples =
-            nBytes * static_cast<std::size_t>(out.samples) / std::max<std::size_t>(mixer.OutputBytes(), 1);
-        frame.format = out.format;
-        frame.nb_samples =
-            static_cast<int>(std::min(static_cast<double>(nSamples), std::ceil(dMost * out.rate - 0.5)));
-        frame.linesize[0] = static_cast<int>(nBytes);
-    }
 
     template <class Mixer>
     void Feed(Mixer& mixer, std::vector<Lane>& lanes)
     {
+        Start();
         telvane::State state = telvane::State::kNotYet;
         Lane* pFruitful = nullptr; // what it gave brought something out: nobody waits for the others
         while (state != telvane::State::kEnd && !IsInterrupted()) {
@@ -408,7 +533,7 @@ class Job
                     throw;
                 }
                 pLane->bEnded = true; // for the description, which takes no more of it
-                pLane->pInput->Stop(kForever);
+                pLane->pInput->Stop();
             }
             state = Receive(mixer);
             pFruitful = m_nReceived > nBefore && !pLane->bEnded ? pLane : nullptr;
@@ -417,15 +542,13 @@ class Job
         if (state != telvane::State::kEnd && !IsInterrupted()) {
             BringOut(mixer, lanes);
         }
-        m_bCut = m_bFull;
         for (std::size_t i = 0; i < lanes.size(); ++i) {
             Lane& lane = lanes[i];
             if (!m_bFull && !lane.bEnded && lane.nSent == Total(lane)) {
                 SendNext(mixer, i, lane); // finds the end, or that there is more
             }
-            m_bCut = m_bCut || !lane.bEnded;
             if (!lane.bEnded) {
-                lane.pInput->Stop(m_dTime);
+                lane.pInput->Stop();
             }
         }
     }
@@ -458,6 +581,10 @@ class Job
 
     const Options& m_Options;
     AVMediaType m_Kind;
+    Text m_Text;
+    Outcome m_Outcome;
+    std::size_t m_nOthers = 0; // the input whose other streams are copied
+    std::vector<bool> m_Wanted;
     std::set<std::size_t> m_Decoded; // inputs whose packets did not tell
     Output* m_pOutput = nullptr;
     Progress* m_pProgress = nullptr;
@@ -468,7 +595,6 @@ class Job
     double m_dTime = 0; // of the last thing that came out
     double m_dMost = kForever;
     bool m_bFull = false;
-    bool m_bCut = false;
     Inputs m_Inputs; // their threads use the others
 };
 

@@ -29,19 +29,16 @@ Json DescribeStream(const Demuxer& file, AVStream& stream)
         if (aspect.num > 0 && av_cmp_q(aspect, {1, 1}) != 0) {
             entry["aspect"] = fmt::format("{}:{}", aspect.num, aspect.den);
         }
-        const auto add = [&](const char* szName, bool bKnown, const char* szText) {
-            if (bKnown) {
-                entry["colour"][szName] = OrUnknown(szText);
+        const std::pair<const char*, const char*> colours[] = {
+            {"range", av_color_range_name(parameters.color_range)},
+            {"matrix", av_color_space_name(parameters.color_space)},
+            {"primaries", av_color_primaries_name(parameters.color_primaries)},
+            {"transfer", av_color_transfer_name(parameters.color_trc)}};
+        for (const auto& [szName, szValue] : colours) {
+            if (std::string_view(OrUnknown(szValue)) != "unknown") {
+                entry["colour"][szName] = szValue;
             }
-        };
-        add("range", parameters.color_range != AVCOL_RANGE_UNSPECIFIED,
-            av_color_range_name(parameters.color_range));
-        add("matrix", parameters.color_space != AVCOL_SPC_UNSPECIFIED,
-            av_color_space_name(parameters.color_space));
-        add("primaries", parameters.color_primaries != AVCOL_PRI_UNSPECIFIED,
-            av_color_primaries_name(parameters.color_primaries));
-        add("transfer", parameters.color_trc != AVCOL_TRC_UNSPECIFIED,
-            av_color_transfer_name(parameters.color_trc));
+        }
         if (parameters.field_order > AV_FIELD_PROGRESSIVE) {
             const bool bTop =
                 parameters.field_order == AV_FIELD_TT || parameters.field_order == AV_FIELD_TB;
@@ -73,60 +70,40 @@ Json DescribeStream(const Demuxer& file, AVStream& stream)
 
 } // namespace
 
-Exit RunProbe(const Options& options, const std::string& audio, const std::string& video)
+Exit RunProbe(const Options& options)
 {
     const Source& source = options.inputs[0];
-    Json json;
-    std::string text;
-    {
-        const Demuxer file(source);
-        const AVFormatContext& format = file.Format();
-        json = {{"path", source.path}, {"format", format.iformat->name}, {"seconds", file.Seconds()}};
-        text = fmt::format("{}: {}, {:.3f} s", source.path, format.iformat->name, file.Seconds());
-        const AVDictionaryEntry* pTag = nullptr;
-        while ((pTag = av_dict_get(format.metadata, "", pTag, AV_DICT_IGNORE_SUFFIX)) != nullptr) {
-            json["tags"][pTag->key] = pTag->value;
-        }
-        if (const AVDictionaryEntry* pTitle = av_dict_get(format.metadata, "title", nullptr, 0)) {
-            text += fmt::format(", \"{}\"", pTitle->value);
-        }
-        for (unsigned i = 0; i < format.nb_streams; ++i) {
-            AVStream& stream = *format.streams[i];
-            Json entry = DescribeStream(file, stream);
-            const AVMediaType kind = stream.codecpar->codec_type;
-            const bool bTaken = (kind == AVMEDIA_TYPE_VIDEO || kind == AVMEDIA_TYPE_AUDIO) &&
-                                file.Choose(kind, false) == &stream;
-            entry["taken"] = bTaken;
-            text += fmt::format("\n{} {} {}: {}", bTaken ? "*" : " ", i, entry["kind"].get<std::string>(),
-                                InWords(entry));
-            json["streams"].push_back(entry);
-        }
-        for (unsigned i = 0; i < format.nb_chapters; ++i) {
-            const AVChapter& chapter = *format.chapters[i];
-            const AVDictionaryEntry* pTitle = av_dict_get(chapter.metadata, "title", nullptr, 0);
-            const double dStart = static_cast<double>(chapter.start) * av_q2d(chapter.time_base);
-            const char* szTitle = pTitle != nullptr ? pTitle->value : "";
-            json["chapters"].push_back({{"start", dStart}, {"title", szTitle}});
-            text += fmt::format("\n  chapter at {:.3f} s: {}", dStart, szTitle);
-        }
-        text += "\n* is what a command takes unless --stream says otherwise";
+    const Demuxer file(source);
+    const AVFormatContext& format = file.Format();
+    Json json{{"path", source.path}, {"format", format.iformat->name}, {"seconds", file.Seconds()}};
+    std::string text = fmt::format("{}: {}, {:.3f} s", source.path, format.iformat->name, file.Seconds());
+    const AVDictionaryEntry* pTag = nullptr;
+    while ((pTag = av_dict_get(format.metadata, "", pTag, AV_DICT_IGNORE_SUFFIX)) != nullptr) {
+        json["tags"][pTag->key] = pTag->value;
     }
-    if ((!audio.empty() || !video.empty()) && source.path == "-") {
-        throw Failure(kUsage, "standard input can be read only once: probe a description on a file");
+    if (const AVDictionaryEntry* pTitle = av_dict_get(format.metadata, "title", nullptr, 0)) {
+        text += fmt::format(", \"{}\"", pTitle->value);
     }
-    const auto foresee = [&](const std::string& description, AVMediaType kind, const char* szWhat) {
-        if (!description.empty()) {
-            Options planned = options;
-            planned.description = description;
-            const Inputs inputs = OpenInputs(planned, kind);
-            const Text whole = TextOf(planned, inputs);
-            const char* szName = kind == AVMEDIA_TYPE_AUDIO ? "audio" : "video";
-            json[szName] = Describe(planned, inputs, Preview(inputs, whole.labels, whole.text))["output"];
-            text += fmt::format("\n{}: {}", szWhat, InWords(json[szName]));
-        }
-    };
-    foresee(audio, AVMEDIA_TYPE_AUDIO, "the sound becomes");
-    foresee(video, AVMEDIA_TYPE_VIDEO, "the pictures become");
+    for (unsigned i = 0; i < format.nb_streams; ++i) {
+        AVStream& stream = *format.streams[i];
+        Json entry = DescribeStream(file, stream);
+        const AVMediaType kind = stream.codecpar->codec_type;
+        const bool bTaken =
+            (kind == AVMEDIA_TYPE_VIDEO || kind == AVMEDIA_TYPE_AUDIO) && file.Choose(kind) == &stream;
+        entry["taken"] = bTaken;
+        text += fmt::format("\n{} {} {}: {}", bTaken ? "*" : " ", i, entry["kind"].get<std::string>(),
+                            InWords(entry));
+        json["streams"].push_back(entry);
+    }
+    for (unsigned i = 0; i < format.nb_chapters; ++i) {
+        const AVChapter& chapter = *format.chapters[i];
+        const AVDictionaryEntry* pTitle = av_dict_get(chapter.metadata, "title", nullptr, 0);
+        const double dStart = static_cast<double>(chapter.start) * av_q2d(chapter.time_base);
+        const char* szTitle = pTitle != nullptr ? pTitle->value : "";
+        json["chapters"].push_back({{"start", dStart}, {"title", szTitle}});
+        text += fmt::format("\n  chapter at {:.3f} s: {}", dStart, szTitle);
+    }
+    text += "\n* is what a command takes unless --stream says otherwise";
     fmt::print("{}\n", options.bJson ? InJson(json) : text);
     return kDone;
 }

@@ -35,43 +35,16 @@ std::string Followed(fs::path path)
     return path.string();
 }
 
-bool IsSameAsStdout(const std::string& path)
-{
-    struct stat a {
-    };
-    struct stat b {
-    };
-    return stat(path.c_str(), &a) == 0 && fstat(STDOUT_FILENO, &b) == 0 && a.st_dev == b.st_dev &&
-           a.st_ino == b.st_ino && !S_ISCHR(a.st_mode);
-}
-
-AVCodecID PcmOf(AVSampleFormat format, int nBits)
-{
-    switch (format) {
-    case AV_SAMPLE_FMT_U8:
-        return AV_CODEC_ID_PCM_U8;
-    case AV_SAMPLE_FMT_S32:
-        return nBits == 24 ? AV_CODEC_ID_PCM_S24LE : AV_CODEC_ID_PCM_S32LE;
-    case AV_SAMPLE_FMT_FLT:
-        return AV_CODEC_ID_PCM_F32LE;
-    case AV_SAMPLE_FMT_DBL:
-        return AV_CODEC_ID_PCM_F64LE;
-    default:
-        return AV_CODEC_ID_PCM_S16LE;
-    }
-}
-
-// Where the codec's own list says nothing.
-constexpr AVPixelFormat kY4m[] = {
-    AV_PIX_FMT_YUV420P,     AV_PIX_FMT_YUV422P,     AV_PIX_FMT_YUV444P,     AV_PIX_FMT_YUV411P,
-    AV_PIX_FMT_YUVJ420P,    AV_PIX_FMT_YUVJ422P,    AV_PIX_FMT_YUVJ444P,    AV_PIX_FMT_GRAY8,
-    AV_PIX_FMT_YUV420P10LE, AV_PIX_FMT_YUV422P10LE, AV_PIX_FMT_YUV444P10LE, AV_PIX_FMT_GRAY10LE,
-    AV_PIX_FMT_YUV420P12LE, AV_PIX_FMT_YUV422P12LE, AV_PIX_FMT_YUV444P12LE, AV_PIX_FMT_GRAY12LE,
-    AV_PIX_FMT_YUV420P16LE, AV_PIX_FMT_YUV422P16LE, AV_PIX_FMT_YUV444P16LE, AV_PIX_FMT_GRAY16LE};
-
 bool IsListed(const std::vector<AVPixelFormat>& list, AVPixelFormat format)
 {
     return std::find(list.begin(), list.end(), format) != list.end();
+}
+
+// The codec's own list says nothing: planes of 4:2:0, 4:2:2, 4:4:4, 4:1:1 or gray.
+bool IsY4m(const telvane::PixelFormat& format)
+{
+    return format.planes == "y" || (format.planes == "y|u|v" && format.shiftY <= format.shiftX &&
+                                    format.shiftX + format.shiftY < 4);
 }
 
 std::string NameOf(const AVStream& stream)
@@ -99,32 +72,43 @@ Output::Output(const OutputWish& wish, AVMediaType kind, const Input& first)
     const std::string& path = wish.path;
     std::error_code ignored;
     const auto status = fs::status(path, ignored);
-    m_bPipe = path == "-" || IsSameAsStdout(path) || (fs::exists(status) && !fs::is_regular_file(status));
+    m_bPipe = path == "-" || (fs::exists(status) && !fs::is_regular_file(status));
     m_Target = m_bPipe ? path : Followed(path);
-    std::array<char, 4096> name{};
-    m_bSeries = !m_bPipe && av_get_frame_filename(name.data(), name.size(), m_Target.c_str(), 1) == 0;
+    const std::string own = kind == AVMEDIA_TYPE_VIDEO ? ":v" : ":a";
+    for (const auto& [name, value] : wish.options) {
+        m_Options.Set(name.substr(0, name.size() - (name.ends_with(own) ? own.size() : 0)), value);
+    }
     Choose(first);
-    const bool bPicture = m_pFormat == nullptr && !m_bSeries;
-    m_bSingle = bPicture || (m_bPipe && wish.dAt > 0);
+    const std::string_view muxer = m_pFormat->name;
+    m_bFiles = muxer == "image2";
+    std::array<char, 4096> name{};
+    m_bSeries = m_bFiles && av_get_frame_filename(name.data(), name.size(), m_Target.c_str(), 1) == 0;
+    m_bSingle = (m_bFiles && !m_bSeries) || (m_bPipe && wish.dAt > 0);
+    if (const std::string pixels = m_Options.Take("pix_fmt"); !pixels.empty()) {
+        m_Pixels = av_get_pix_fmt(pixels.c_str());
+        if (m_Pixels == AV_PIX_FMT_NONE) {
+            throw Failure(kUsage, fmt::format("-pix_fmt {}: no pixel format", pixels));
+        }
+    }
 }
 
 void Output::Choose(const Input& first)
 {
     const bool bVideo = m_Kind == AVMEDIA_TYPE_VIDEO;
     const std::string& wished = m_Wish.format;
-    m_bRaw = wished == "raw" || (wished.empty() && m_Wish.path == "-");
     // Of lossy formats the decoder's floats hold no more than 16 bits do.
     const AVCodecParameters& from = *first.Stream().codecpar;
     const AVCodecDescriptor* pDescriptor = avcodec_descriptor_get(from.codec_id);
     const bool bLossless = pDescriptor != nullptr && (pDescriptor->props & AV_CODEC_PROP_LOSSLESS) != 0;
     const AVCodecID pcm =
-        PcmOf(bLossless ? first.Gives().audio.format : AV_SAMPLE_FMT_S16, from.bits_per_raw_sample);
-    std::string name = m_Wish.path; // tells the container, and of pictures also the codec
-    if (m_bRaw) {
-        m_Id = bVideo ? AV_CODEC_ID_RAWVIDEO : pcm;
+        from.bits_per_raw_sample == 24
+            ? AV_CODEC_ID_PCM_S24LE
+            : av_get_pcm_codec(bLossless && !bVideo ? first.Gives().audio.format : AV_SAMPLE_FMT_S16, 0);
+    AVCodecID id = bVideo ? AV_CODEC_ID_RAWVIDEO : pcm;
+    if (wished == "raw" || (wished.empty() && m_Wish.path == "-")) {
         m_pFormat = av_guess_format(bVideo ? "rawvideo" : avcodec_get_name(pcm) + 4, nullptr, nullptr);
     } else {
-        name = wished.empty() ? name : "x." + wished;
+        const std::string name = wished.empty() ? m_Wish.path : "x." + wished;
         m_pFormat = av_guess_format(wished.empty() ? nullptr : wished.c_str(), name.c_str(), nullptr);
         if (m_pFormat == nullptr) {
             throw Failure(kUsage,
@@ -133,47 +117,31 @@ void Output::Choose(const Input& first)
                                       wished.empty() ? m_Wish.path : wished));
         }
         const std::string_view muxer = m_pFormat->name;
-        m_Id = av_guess_codec(m_pFormat, nullptr, name.c_str(), nullptr, m_Kind);
-        if (!bVideo && (muxer == "wav" || muxer == "aiff")) {
-            m_Id = muxer == "wav" ? pcm : m_Id;
-        } else if (!bVideo && muxer == "matroska") {
-            m_Id = AV_CODEC_ID_FLAC;
-        }
-        if (muxer == "image2") {
-            m_pFormat = m_bPipe ? av_guess_format("image2pipe", nullptr, nullptr) : nullptr;
-        } else if (!bVideo && (muxer == "flac" || muxer == "mp3")) {
-            m_Id = muxer == "flac" ? AV_CODEC_ID_FLAC : AV_CODEC_ID_MP3;
+        id = muxer == "wav" ? pcm
+             : !bVideo && muxer == "matroska"
+                 ? AV_CODEC_ID_FLAC
+                 : av_guess_codec(m_pFormat, nullptr, name.c_str(), nullptr, m_Kind);
+        if (muxer == "image2" && m_bPipe) {
+            m_pFormat = av_guess_format("image2pipe", nullptr, nullptr);
         }
     }
-    for (const CodecOption& option : m_Wish.options) {
-        if ((option.name == "c" || option.name == "codec") &&
-            (option.kind.empty() || option.kind == (bVideo ? "v" : "a"))) {
-            const AVCodecDescriptor* pNamed = avcodec_descriptor_get_by_name(option.value.c_str());
-            m_pEncoder = avcodec_find_encoder_by_name(option.value.c_str());
-            if (m_pEncoder == nullptr && pNamed != nullptr) {
-                m_pEncoder = avcodec_find_encoder(pNamed->id);
-            }
-            if (m_pEncoder == nullptr || m_pEncoder->type != m_Kind) {
-                throw Failure(kUsage, fmt::format("-c:{} {}: this FFmpeg has no such encoder",
-                                                  bVideo ? "v" : "a", option.value));
-            }
-            m_Id = m_pEncoder->id;
-            m_Used.insert(option.name);
-        }
+    const std::string codec = m_Options.Take("c") + m_Options.Take("codec");
+    const AVCodecDescriptor* pNamed = avcodec_descriptor_get_by_name(codec.c_str());
+    m_pEncoder = !codec.empty() ? avcodec_find_encoder_by_name(codec.c_str()) : avcodec_find_encoder(id);
+    if (m_pEncoder == nullptr && pNamed != nullptr) {
+        m_pEncoder = avcodec_find_encoder(pNamed->id);
     }
-    if (m_Id == AV_CODEC_ID_NONE) {
-        throw Failure(kUsage,
-                      fmt::format("{} files hold no {}", m_pFormat != nullptr ? m_pFormat->name : "picture",
-                                  bVideo ? "pictures" : "sound"));
-    }
-    if (m_pEncoder == nullptr) {
-        m_pEncoder = avcodec_find_encoder(m_Id);
-    }
-    if (m_pEncoder == nullptr && m_Id == AV_CODEC_ID_H264) {
+    if (m_pEncoder == nullptr && codec.empty() && id == AV_CODEC_ID_H264) {
         m_pEncoder = avcodec_find_encoder(AV_CODEC_ID_MPEG4); // FFmpeg without x264
     }
-    if (m_pEncoder == nullptr) {
-        throw Failure(kOutput, fmt::format("this FFmpeg has no encoder for {}", avcodec_get_name(m_Id)));
+    if (codec.empty() && id == AV_CODEC_ID_NONE) {
+        throw Failure(kUsage,
+                      fmt::format("{} files hold no {}", m_pFormat->name, bVideo ? "pictures" : "sound"));
+    }
+    if (m_pEncoder == nullptr || m_pEncoder->type != m_Kind) {
+        throw Failure(
+            codec.empty() ? kOutput : kUsage,
+            fmt::format("this FFmpeg has no encoder for {}", codec.empty() ? avcodec_get_name(id) : codec));
     }
 }
 
@@ -199,18 +167,12 @@ void Output::MayReplace(const std::string& target) const
 
 std::vector<AVPixelFormat> Output::Pixels() const
 {
-    std::vector<AVPixelFormat> list = PixelFormats(*m_pEncoder);
-    for (const CodecOption& option : m_Wish.options) {
-        if (option.name == "pix_fmt") {
-            list = {av_get_pix_fmt(option.value.c_str())};
-        }
-    }
-    if (list.empty() && m_Id == AV_CODEC_ID_WRAPPED_AVFRAME) {
-        list.assign(std::begin(kY4m), std::end(kY4m));
-    }
+    const std::vector<AVPixelFormat> list =
+        m_Pixels != AV_PIX_FMT_NONE ? std::vector{m_Pixels} : PixelFormats(*m_pEncoder);
     std::vector<AVPixelFormat> known;
     for (const telvane::PixelFormat& format : telvane::kPixelFormats) {
-        if (list.empty() || IsListed(list, format.format) ||
+        const bool bAny = list.empty() && (m_pEncoder->id != AV_CODEC_ID_WRAPPED_AVFRAME || IsY4m(format));
+        if (bAny || IsListed(list, format.format) ||
             IsListed(list, av_pix_fmt_swap_endianness(format.format))) {
             known.push_back(format.format);
         }
@@ -222,112 +184,76 @@ std::vector<AVPixelFormat> Output::Pixels() const
     return known;
 }
 
-AVPixelFormat Output::Nearest(AVPixelFormat format) const
-{
-    std::vector<AVPixelFormat> list = Pixels();
-    list.push_back(AV_PIX_FMT_NONE);
-    return avcodec_find_best_pix_fmt_of_list(list.data(), format, 1, nullptr);
-}
-
 std::string Output::Restriction(const Outcome& outcome) const
 {
-    std::string text;
-    const auto join = [&text](const std::string& name) { text += (text.back() == '=' ? "" : "|") + name; };
+    std::vector<std::string> names;
     if (m_Kind == AVMEDIA_TYPE_VIDEO) {
-        text = "format=pix_fmts=";
         for (const AVPixelFormat format : Pixels()) {
-            join(av_get_pix_fmt_name(format));
+            names.emplace_back(av_get_pix_fmt_name(format));
         }
-        return text;
+        return fmt::format("format=pix_fmts={}", fmt::join(names, "|"));
     }
-    text = "aformat=sample_fmts=";
     const std::vector<AVSampleFormat> formats = SampleFormats(*m_pEncoder);
     for (int n = AV_SAMPLE_FMT_U8; n <= AV_SAMPLE_FMT_DBL; ++n) {
         const auto format = static_cast<AVSampleFormat>(n);
         if (formats.empty() || std::any_of(formats.begin(), formats.end(), [&](AVSampleFormat f) {
                 return av_get_packed_sample_fmt(f) == format;
             })) {
-            join(av_get_sample_fmt_name(format));
+            names.emplace_back(av_get_sample_fmt_name(format));
         }
     }
-    const auto begin = [&text](bool bAny, const char* szName) { text += bAny ? szName : ""; };
     const std::vector<int> rates = SampleRates(*m_pEncoder);
-    begin(!rates.empty(), ":sample_rates=");
-    for (const int nRate : rates) {
-        join(fmt::format("{}", nRate));
-    }
-    const std::vector<AVChannelLayout> layouts = Layouts(*m_pEncoder);
-    text += ":channel_layouts=";
-    for (const AVChannelLayout& layout : layouts) {
-        join(LayoutName(layout));
+    std::vector<std::string> layouts;
+    for (const AVChannelLayout& layout : Layouts(*m_pEncoder)) {
+        layouts.push_back(LayoutName(layout));
     }
     if (layouts.empty()) { // without any, FFmpeg does not find its way from filter to filter
-        join(LayoutName(outcome.form.layout));
+        layouts.push_back(LayoutName(outcome.form.layout));
     }
-    return text;
+    return fmt::format("aformat=sample_fmts={}{}{}:channel_layouts={}", fmt::join(names, "|"),
+                       rates.empty() ? "" : ":sample_rates=", fmt::join(rates, "|"),
+                       fmt::join(layouts, "|"));
+}
+
+std::string Output::MakeEven(telvane::Picture& picture)
+{
+    const AVPixFmtDescriptor& pixels = *av_pix_fmt_desc_get(picture.format);
+    const bool bEven = m_pEncoder->id == AV_CODEC_ID_H264 || m_pEncoder->id == AV_CODEC_ID_HEVC;
+    const int nRight = bEven ? picture.width & pixels.log2_chroma_w : 0;
+    const int nBottom = bEven ? picture.height & pixels.log2_chroma_h : 0;
+    if (nRight + nBottom == 0) {
+        return "";
+    }
+    m_Notes.push_back(fmt::format("{}x{} is stored as {}x{}: this codec has no odd sizes", picture.width,
+                                  picture.height, picture.width + nRight, picture.height + nBottom));
+    picture.width += nRight;
+    picture.height += nBottom;
+    return fmt::format(",pad={}:{}:0:0,fillborders=right={}:bottom={}:mode=smear", picture.width,
+                       picture.height, nRight, nBottom);
 }
 
 // ---- Encoder and container ----------------------------------------------------------------------
 
-// The options for an encoder of this kind ("v", "a"), or with "" all that none took.
-AVDictionary* Output::Options(const std::string& kind) const
+void Output::SetVideo(const Outcome& outcome)
 {
-    AVDictionary* pOptions = nullptr;
-    for (const CodecOption& option : m_Wish.options) {
-        if (m_Used.count(option.name) == 0 &&
-            (kind.empty() || option.kind.empty() || option.kind == kind)) {
-            av_dict_set(&pOptions, option.name.c_str(), option.value.c_str(), 0);
-        }
-    }
-    return pOptions;
-}
-
-// Opens it, and notes which options it has taken.
-int Output::OpenWithOptions(AVDictionary* pOptions)
-{
-    std::set<std::string> given;
-    const AVDictionaryEntry* pEntry = nullptr;
-    while ((pEntry = av_dict_get(pOptions, "", pEntry, AV_DICT_IGNORE_SUFFIX)) != nullptr) {
-        given.insert(pEntry->key);
-    }
-    const int nOpened = avcodec_open2(m_Codec.get(), m_pEncoder, &pOptions);
-    for (const std::string& name : given) {
-        if (av_dict_get(pOptions, name.c_str(), nullptr, 0) == nullptr) {
-            m_Used.insert(name);
-        }
-    }
-    av_dict_free(&pOptions);
-    return nOpened;
-}
-
-void Output::OpenVideo(const Outcome& outcome)
-{
-    m_Codec = Made<CodecPtr>(avcodec_alloc_context3(m_pEncoder));
     AVCodecContext& codec = *m_Codec;
     const std::vector<AVPixelFormat> list = PixelFormats(*m_pEncoder);
     const AVPixelFormat given = outcome.form.picture.format;
+    const AVPixFmtDescriptor& pixels = *av_pix_fmt_desc_get(given);
     codec.pix_fmt = list.empty() || IsListed(list, given) ? given : av_pix_fmt_swap_endianness(given);
-    // These codecs have no odd sizes in 4:2:0: the last column or row is repeated.
-    const AVPixFmtDescriptor& pixels = *av_pix_fmt_desc_get(codec.pix_fmt);
-    const bool bEven = m_pEncoder->id == AV_CODEC_ID_H264 || m_pEncoder->id == AV_CODEC_ID_HEVC;
-    const int nEvenX = bEven ? pixels.log2_chroma_w & 1 : 0;
-    const int nEvenY = bEven ? pixels.log2_chroma_h & 1 : 0;
-    codec.width = (outcome.form.picture.width + nEvenX) & ~nEvenX;
-    codec.height = (outcome.form.picture.height + nEvenY) & ~nEvenY;
-    const AVRational rate = m_Wish.rate.num > 0 ? m_Wish.rate : outcome.rate;
-    m_dRate = av_q2d(rate);
+    codec.width = outcome.form.picture.width;
+    codec.height = outcome.form.picture.height;
+    codec.framerate = outcome.rate;
     // The flag means that the ffmpeg command keeps times here; but nothing is lost where they can be stored.
-    const bool bTimes =
-        m_pFormat != nullptr && m_Wish.rate.num <= 0 && (m_pFormat->flags & AVFMT_NOTIMESTAMPS) == 0;
-    const std::string_view muxer = m_pFormat != nullptr ? m_pFormat->name : "";
+    const bool bTimes = (m_pFormat->flags & AVFMT_NOTIMESTAMPS) == 0;
+    const std::string_view muxer = m_pFormat->name;
     m_bEven = !bTimes || (m_pFormat->flags & AVFMT_VARIABLE_FPS) == 0;
     m_bUneven = bTimes && outcome.bUneven && muxer != "avi" && muxer != "yuv4mpegpipe";
     constexpr int kMpeg4Den = 65535;
-    codec.time_base = !m_bUneven ? av_inv_q(rate)
+    codec.time_base = !m_bUneven ? av_inv_q(codec.framerate)
                       : m_pEncoder->id == AV_CODEC_ID_MPEG4 && outcome.timeBase.den > kMpeg4Den
                           ? AVRational{1, 1000}
                           : outcome.timeBase;
-    codec.framerate = rate;
     codec.sample_aspect_ratio = outcome.aspect;
     if ((pixels.flags & AV_PIX_FMT_FLAG_RGB) == 0) {
         codec.color_range = outcome.colour.range;
@@ -335,90 +261,55 @@ void Output::OpenVideo(const Outcome& outcome)
     }
     codec.color_primaries = outcome.colour.primaries;
     codec.color_trc = outcome.colour.transfer;
-    codec.thread_count = 0;
-    AVDictionary* pOptions = Options("v");
-    const auto has = [&](const char* szName) {
-        return av_dict_get(pOptions, szName, nullptr, 0) != nullptr;
-    };
-    m_Used.insert("pix_fmt");
-    if (const AVDictionaryEntry* pQuality = av_dict_get(pOptions, "q", nullptr, 0)) {
-        codec.flags |= AV_CODEC_FLAG_QSCALE;
-        codec.global_quality = static_cast<int>(std::lround(std::atof(pQuality->value) * FF_QP2LAMBDA));
-        av_dict_set(&pOptions, "q", nullptr, 0);
-        m_Used.insert("q");
-    } else if (m_pEncoder->id == AV_CODEC_ID_MPEG4 && !has("b")) {
-        codec.flags |= AV_CODEC_FLAG_QSCALE;
-        codec.global_quality = 3 * FF_QP2LAMBDA;
-    }
     if (std::string_view(m_pEncoder->name) == "libx264") {
-        av_dict_set(&pOptions, "preset", "veryfast", AV_DICT_DONT_OVERWRITE);
-        if (!has("b") && !has("crf") && !has("qp")) {
-            av_dict_set(&pOptions, "crf", "18", 0);
+        m_Options.Set("preset", "veryfast", AV_DICT_DONT_OVERWRITE);
+        if (m_Options.Get("b") == nullptr && m_Options.Get("qp") == nullptr) {
+            m_Options.Set("crf", "18", AV_DICT_DONT_OVERWRITE);
         }
+    } else if (m_pEncoder->id == AV_CODEC_ID_MPEG4 && m_Options.Get("b") == nullptr) {
+        m_Options.Set("q", "3", AV_DICT_DONT_OVERWRITE);
     }
-    if (m_pFormat != nullptr && (m_pFormat->flags & AVFMT_GLOBALHEADER) != 0) {
-        codec.flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    }
-    Check(OpenWithOptions(pOptions), kOutput, m_pEncoder->name);
-    m_nLimit = m_bSingle ? 1 : m_nLimit;
-    m_nFirst = m_bSingle ? std::llround(m_Wish.dAt * m_dRate) : 0;
-    if (m_Wish.dLength > 0) {
-        m_nLimit = std::min(m_nLimit, std::max<int64_t>(1, std::llround(m_Wish.dLength * m_dRate)));
-    }
-    const AVPixFmtDescriptor& from = *av_pix_fmt_desc_get(given);
-    if (outcome.nDepth > from.comp[0].depth) {
+    m_nFirst = m_bSingle ? std::llround(m_Wish.dAt * av_q2d(codec.framerate)) : 0;
+    if (outcome.nDepth > pixels.comp[0].depth) {
         m_Notes.push_back(
-            fmt::format("samples of {} bits are stored with {}", outcome.nDepth, from.comp[0].depth));
+            fmt::format("samples of {} bits are stored with {}", outcome.nDepth, pixels.comp[0].depth));
     }
 }
 
-void Output::OpenAudio(const Outcome& outcome)
+void Output::SetAudio(const Outcome& outcome)
 {
-    const telvane::AudioStream& audio = outcome.form.audio;
-    const std::vector<AVSampleFormat> formats = SampleFormats(*m_pEncoder);
-    AVChannelLayout usual{};
-    av_channel_layout_default(&usual, audio.channels);
-    int nOpened = -1;
-    // An encoder that has not got the layout gets the usual one of as many channels.
-    for (const AVChannelLayout& tried : {outcome.form.layout, usual}) {
-        m_Codec = Made<CodecPtr>(avcodec_alloc_context3(m_pEncoder));
-        AVCodecContext& codec = *m_Codec;
-        codec.sample_fmt = audio.format;
-        for (const AVSampleFormat format : formats) {
-            codec.sample_fmt = av_get_packed_sample_fmt(format) == audio.format ? format : codec.sample_fmt;
-        }
-        codec.sample_rate = audio.rate;
-        codec.ch_layout = tried;
-        codec.time_base = {1, audio.rate};
-        codec.bit_rate = m_Id == AV_CODEC_ID_AAC ? 96000 * static_cast<int64_t>(audio.channels) : 0;
-        codec.bits_per_raw_sample = outcome.nDepth;
-        if (m_pFormat != nullptr && (m_pFormat->flags & AVFMT_GLOBALHEADER) != 0) {
-            codec.flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-        }
-        AVDictionary* pOptions = Options("a");
-        if (const AVDictionaryEntry* pQuality = av_dict_get(pOptions, "q", nullptr, 0)) {
-            codec.flags |= AV_CODEC_FLAG_QSCALE;
-            codec.global_quality = static_cast<int>(std::lround(std::atof(pQuality->value) * FF_QP2LAMBDA));
-            av_dict_set(&pOptions, "q", nullptr, 0);
-        }
-        nOpened = OpenWithOptions(pOptions);
-        if (nOpened >= 0) {
-            break;
-        }
-    }
-    m_Used.insert("q");
-    Check(nOpened, kOutput, m_pEncoder->name);
     AVCodecContext& codec = *m_Codec;
-    SwrContext* pResampler = nullptr;
-    Check(swr_alloc_set_opts2(&pResampler, &codec.ch_layout, codec.sample_fmt, audio.rate, &codec.ch_layout,
-                              audio.format, audio.rate, 0, nullptr),
-          kOutput, "the samples' format");
-    m_Resampler.reset(pResampler);
-    Check(swr_init(pResampler), kOutput, "the samples' format");
-    m_dRate = audio.rate;
-    if (m_Wish.dLength > 0) {
-        m_nLimit = std::llround(m_Wish.dLength * m_dRate);
+    const telvane::AudioStream& audio = outcome.form.audio;
+    codec.sample_fmt = audio.format;
+    for (const AVSampleFormat format : SampleFormats(*m_pEncoder)) {
+        codec.sample_fmt = av_get_packed_sample_fmt(format) == audio.format ? format : codec.sample_fmt;
     }
+    codec.sample_rate = audio.rate;
+    codec.ch_layout = outcome.form.layout;
+    codec.framerate = {audio.rate, 1};
+    codec.time_base = {1, audio.rate};
+    codec.bit_rate = m_pEncoder->id == AV_CODEC_ID_AAC ? 96000 * static_cast<int64_t>(audio.channels) : 0;
+    codec.bits_per_raw_sample = outcome.nDepth;
+    m_Resampler = Made<SwrPtr>(swr_alloc());
+}
+
+void Output::SetCommon()
+{
+    AVCodecContext& codec = *m_Codec;
+    if (const std::string quality = m_Options.Take("q"); !quality.empty()) {
+        codec.flags |= AV_CODEC_FLAG_QSCALE;
+        codec.global_quality = static_cast<int>(std::lround(std::atof(quality.c_str()) * FF_QP2LAMBDA));
+    }
+    if ((m_pFormat->flags & AVFMT_GLOBALHEADER) != 0) {
+        codec.flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    }
+    codec.thread_count = 0;
+    if (m_bSingle) {
+        m_nLimit = 1;
+    } else if (m_Wish.dLength > 0) {
+        m_nLimit = std::max<int64_t>(1, std::llround(m_Wish.dLength * av_q2d(codec.framerate)));
+    }
+    Check(avcodec_open2(&codec, m_pEncoder, m_Options.At()), kOutput, m_pEncoder->name);
 }
 
 int Output::BlockSamples() const
@@ -498,14 +389,11 @@ void Output::CopyTags(const AVFormatContext& from)
     }
     for (unsigned i = 0; i < from.nb_chapters; ++i) {
         const AVChapter& chapter = *from.chapters[i];
-        auto* pCopy = static_cast<AVChapter*>(av_mallocz(sizeof(AVChapter)));
+        auto* pCopy = static_cast<AVChapter*>(av_memdup(&chapter, sizeof(AVChapter)));
         if (pCopy == nullptr) {
             throw std::bad_alloc();
         }
-        pCopy->id = chapter.id;
-        pCopy->time_base = chapter.time_base;
-        pCopy->start = chapter.start;
-        pCopy->end = chapter.end;
+        pCopy->metadata = nullptr;
         av_dict_copy(&pCopy->metadata, chapter.metadata, 0);
         auto nChapters = static_cast<int>(m_Format->nb_chapters);
         Check(av_dynarray_add_nofree(&m_Format->chapters, &nChapters, pCopy), kOther, "chapters");
@@ -516,21 +404,19 @@ void Output::CopyTags(const AVFormatContext& from)
 std::vector<bool> Output::Open(const Outcome& outcome, const Input* pOthers, const Input& about)
 {
     const bool bVideo = m_Kind == AVMEDIA_TYPE_VIDEO;
+    m_Codec = Made<CodecPtr>(avcodec_alloc_context3(m_pEncoder));
     if (bVideo) {
-        OpenVideo(outcome);
+        SetVideo(outcome);
     } else {
-        OpenAudio(outcome);
+        SetAudio(outcome);
     }
+    SetCommon();
     m_Packet = Made<PacketPtr>(av_packet_alloc());
     std::vector<bool> wanted(pOthers != nullptr ? pOthers->File().Format().nb_streams : 0);
-    if (m_pFormat == nullptr) {
-        RefuseUnused(Options(""));
-        return wanted;
-    }
     AVFormatContext* pContext = nullptr;
     Check(avformat_alloc_output_context2(&pContext, m_pFormat, nullptr, nullptr), kOutput, m_Wish.path);
     m_Format.reset(pContext);
-    if (m_Id == AV_CODEC_ID_WRAPPED_AVFRAME) {
+    if (m_pEncoder->id == AV_CODEC_ID_WRAPPED_AVFRAME) {
         pContext->strict_std_compliance = FF_COMPLIANCE_UNOFFICIAL; // y4m of more than 8 bits
     }
     const auto addEncoded = [&] {
@@ -557,64 +443,49 @@ std::vector<bool> Output::Open(const Outcome& outcome, const Input* pOthers, con
             wanted[i] = AddCopy(stream);
         }
     }
-    if (m_Wish.bPass) {
+    if (m_Wish.pass != "none") {
         CopyTags(about.File().Format());
     }
-    Create();
-    return wanted;
-}
-
-void Output::RefuseUnused(AVDictionary* pOptions) const
-{
-    const AVDictionaryEntry* pUnused = av_dict_get(pOptions, "", nullptr, AV_DICT_IGNORE_SUFFIX);
-    const std::string unused = pUnused != nullptr ? pUnused->key : "";
-    av_dict_free(&pOptions);
-    if (!unused.empty()) {
-        throw Failure(kUsage,
-                      fmt::format("-{}: neither {} nor {} has this option", unused, m_pEncoder->name,
-                                  m_pFormat != nullptr ? m_pFormat->name : "a picture's file"));
+    if (!m_bFiles) {
+        Create();
     }
+    if (!m_Options.First().empty()) {
+        throw Failure(kUsage, fmt::format("-{}: neither {} nor {} has this option", m_Options.First(),
+                                          m_pEncoder->name, m_pFormat->name));
+    }
+    m_Items.WaitAlsoWhenInterrupted();
+    m_Done = std::async(std::launch::async, [this] {
+        const Finally ended([this] { m_Items.Abandon(); });
+        Run();
+    });
+    return wanted;
 }
 
 void Output::Create()
 {
+    const std::string_view muxer = m_pFormat->name;
+    if (muxer == "mp4" || muxer == "mov" || muxer == "ipod") {
+        m_Options.Set("movflags", m_bPipe ? "frag_keyframe+empty_moov" : "faststart",
+                      AV_DICT_DONT_OVERWRITE);
+    }
     if (!m_bPipe) {
-        m_Part = PartOf(m_Target); // throws: the options below are freed by hand
-        RemoveOnSignal(m_Part);
+        OpenPart(m_Target);
     }
-    AVDictionary* pOptions = Options("");
-    if (std::string_view(m_pFormat->name) == "mp4" || std::string_view(m_pFormat->name) == "mov" ||
-        std::string_view(m_pFormat->name) == "ipod") {
-        av_dict_set(&pOptions, "movflags", m_bPipe ? "frag_keyframe+empty_moov" : "faststart",
-                    AV_DICT_DONT_OVERWRITE);
-    }
-    int nOpened = 0;
-    const std::string url =
-        m_bPipe ? (m_Wish.path == "-" || IsSameAsStdout(m_Wish.path) ? "pipe:1" : "file:" + m_Target)
-                : "file:" + m_Part;
+    const std::string url = m_Wish.path == "-" ? "pipe:1" : "file:" + (m_bPipe ? m_Target : m_Part);
     m_Format->url = av_strdup(url.c_str()); // some containers open it once more
     if ((m_pFormat->flags & AVFMT_NOFILE) == 0) {
-        nOpened = avio_open(&m_Format->pb, url.c_str(), AVIO_FLAG_WRITE);
+        Check(avio_open(&m_Format->pb, url.c_str(), AVIO_FLAG_WRITE), kOutput, m_Wish.path);
     }
-    if (nOpened >= 0) {
-        nOpened = avformat_write_header(m_Format.get(), &pOptions);
-    }
-    if (nOpened < 0) {
-        av_dict_free(&pOptions);
-        Check(nOpened, kOutput, m_Wish.path);
-    }
-    RefuseUnused(pOptions);
+    Check(avformat_write_header(m_Format.get(), m_Options.At()), kOutput, m_Wish.path);
 }
 
 // A new file beside the target, with the mode of the one that it replaces.
-std::string Output::PartOf(const std::string& target) const
+void Output::OpenPart(const std::string& target)
 {
-    const fs::path path(target);
-    std::string part = (path.parent_path() / fmt::format(".telvane-avfilter.{}.part", getpid())).string();
+    const std::string part =
+        (fs::path(target).parent_path() / fmt::format(".telvane-avfilter.{}.part", getpid())).string();
     const int nFile = open(part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (nFile < 0) {
-        Check(AVERROR(errno), kOutput, m_Wish.path);
-    }
+    Check(nFile < 0 ? AVERROR(errno) : 0, kOutput, m_Wish.path);
     struct stat old {
     };
     if (stat(target.c_str(), &old) == 0) {
@@ -622,7 +493,8 @@ std::string Output::PartOf(const std::string& target) const
         static_cast<void>(fchmod(nFile, old.st_mode & 07777U));
     }
     close(nFile);
-    return part;
+    m_Part = part;
+    RemoveOnSignal(m_Part);
 }
 
 void Output::Stand(const std::string& target)
@@ -643,8 +515,8 @@ Output::~Output()
     m_bAbandoned = true;
     m_Items.Abandon();
     m_Items.End();
-    if (m_Thread.joinable()) {
-        m_Thread.join();
+    if (m_Done.valid()) {
+        m_Done.wait();
     }
     m_Format.reset();
     if (!m_Part.empty()) {
@@ -657,57 +529,37 @@ Output::~Output()
 
 bool Output::Put(FramePtr frame, double dTime)
 {
-    if (!m_Thread.joinable()) {
-        m_Items.WaitAlsoWhenInterrupted();
-        m_Thread = std::thread([this] {
-            try {
-                Run();
-            } catch (...) {
-                m_Error = std::current_exception();
-                m_Items.Abandon();
-            }
-        });
-    }
     return !m_bStopped && m_Items.Put({std::move(frame), dTime, nullptr});
 }
 
-void Output::Pass(PacketPtr packet)
+bool Output::Pass(PacketPtr packet)
 {
-    m_Items.Put({nullptr, 0, std::move(packet)}, false);
+    return m_Items.Put({nullptr, 0, std::move(packet)}, false);
 }
 
-void Output::Finish(bool bCut)
+void Output::Finish()
 {
-    m_bCut = bCut;
     m_Items.End();
-    if (m_Thread.joinable()) {
-        m_Thread.join();
-    }
-    if (m_Error) {
-        std::rethrow_exception(m_Error);
-    }
+    m_Done.get();
 }
 
 void Output::Run()
 {
     while (std::optional<Item> item = m_Items.Take()) {
         if (item->packet) {
-            m_Waiting.push_back(std::move(item->packet));
+            WritePassed(*item->packet);
         } else if (m_Kind == AVMEDIA_TYPE_VIDEO) {
             WritePicture(std::move(item->frame), item->dTime);
         } else {
             WriteSamples(std::move(item->frame), item->dTime);
         }
-        WritePassed(m_dEnd);
     }
     if (m_bAbandoned) {
         return;
     }
-    // The muxer interleaves what it is given within seconds: the encoder must not hold anything back.
     EndPictures();
     Encode(nullptr);
-    WritePassed(m_bCut ? m_dEnd : std::numeric_limits<double>::infinity());
-    if (m_pFormat != nullptr) {
+    if (!m_bFiles) {
         Check(av_write_trailer(m_Format.get()), kOutput, m_Wish.path);
         if ((m_pFormat->flags & AVFMT_NOFILE) == 0) {
             Check(avio_closep(&m_Format->pb), kOutput, m_Wish.path);
@@ -739,10 +591,19 @@ void Output::WritePicture(FramePtr frame, double dTime)
     } else if (dEnd > 0.6 || m_bUneven) {
         m_nNext = std::max<int64_t>(m_nNext, std::llround(dAt));
     }
-    FramePtr suited = Suited(std::move(frame));
-    const FramePtr& before = m_Last ? m_Last : suited;
+    const AVCodecContext& codec = *m_Codec;
+    if (codec.pix_fmt != frame->format) { // another order of bytes, in a buffer of ours
+        AVBufferRef& buffer = *frame->buf[0];
+        for (std::size_t i = 0; i + 1 < buffer.size; i += 2) {
+            std::swap(buffer.data[i], buffer.data[i + 1]);
+        }
+        frame->format = codec.pix_fmt;
+    }
+    frame->color_range = codec.color_range;
+    frame->colorspace = codec.colorspace;
+    const FramePtr& before = m_Last ? m_Last : frame;
     for (int64_t i = 0; i < nTimes && !m_bStopped; ++i) {
-        AVFrame& picture = *(i < nBefore ? before : suited);
+        AVFrame& picture = *(i < nBefore ? before : frame);
         picture.pts = m_nNext++;
         m_dEnd = static_cast<double>(m_nNext) * av_q2d(m_Codec->time_base);
         if (picture.pts >= m_nFirst) {
@@ -751,7 +612,7 @@ void Output::WritePicture(FramePtr frame, double dTime)
         }
         m_bStopped = m_nCount >= m_nLimit || (m_Wish.dLength > 0 && !m_bSingle && m_dEnd >= m_Wish.dLength);
     }
-    m_Last = std::move(suited);
+    m_Last = std::move(frame);
     m_Befores = {nBefore, m_Befores[0], m_Befores[1]};
 }
 
@@ -765,79 +626,27 @@ void Output::EndPictures()
     }
 }
 
-// The picture as the encoder takes it.
-FramePtr Output::Suited(FramePtr frame)
-{
-    const AVCodecContext& codec = *m_Codec;
-    if (codec.pix_fmt != frame->format || codec.width != frame->width || codec.height != frame->height) {
-        FramePtr suited = NewFrame();
-        suited->format = codec.pix_fmt;
-        suited->width = codec.width;
-        suited->height = codec.height;
-        Check(av_frame_get_buffer(suited.get(), 0), kOther, "a picture");
-        if (codec.pix_fmt != frame->format) { // another order of bytes
-            suited->width = frame->width;
-            suited->height = frame->height;
-            m_Converter.Convert(*frame, *suited);
-        } else {
-            Repeat(*frame, *suited);
-        }
-        suited->width = codec.width;
-        suited->height = codec.height;
-        frame = std::move(suited);
-    }
-    frame->color_range = codec.color_range;
-    frame->colorspace = codec.colorspace;
-    return frame;
-}
-
-// Copies the picture into one that is a column or row larger.
-void Output::Repeat(const AVFrame& from, AVFrame& to)
-{
-    const auto format = static_cast<AVPixelFormat>(from.format);
-    const auto nSample = static_cast<std::size_t>(av_pix_fmt_desc_get(format)->comp[0].step);
-    std::array<const uint8_t*, 4> planes{};
-    std::copy_n(from.data, planes.size(), planes.begin());
-    av_image_copy(to.data, to.linesize, planes.data(), from.linesize, format, from.width, from.height);
-    // Of subsampled formats only the luma plane lacks anything.
-    const auto nRow = static_cast<std::size_t>(from.width) * nSample;
-    for (int row = 0; row < to.height; ++row) {
-        uint8_t* pRow = to.data[0] + static_cast<std::ptrdiff_t>(row) * to.linesize[0];
-        if (row == from.height) {
-            std::memcpy(pRow, pRow - to.linesize[0], nRow);
-        }
-        if (to.width > from.width) {
-            std::memcpy(pRow + nRow, pRow + nRow - nSample, nSample);
-        }
-    }
-}
-
 void Output::WriteSamples(FramePtr frame, double dTime)
 {
     const AVCodecContext& codec = *m_Codec;
-    if (m_nCount == 0 && m_pFormat != nullptr && (m_pFormat->flags & AVFMT_NOTIMESTAMPS) == 0) {
-        m_nNext = std::max<int64_t>(0, std::llround(dTime * m_dRate));
+    if (m_nCount == 0 && (m_pFormat->flags & AVFMT_NOTIMESTAMPS) == 0) {
+        m_nNext = std::max<int64_t>(0, std::llround(dTime * codec.sample_rate));
     }
     frame->nb_samples = static_cast<int>(std::min<int64_t>(frame->nb_samples, m_nLimit - m_nCount));
-    if (codec.sample_fmt != frame->format) {
-        FramePtr planar = NewFrame();
-        planar->format = codec.sample_fmt;
-        planar->nb_samples = frame->nb_samples;
-        planar->sample_rate = codec.sample_rate;
-        av_channel_layout_copy(&planar->ch_layout, &codec.ch_layout);
-        Check(av_frame_get_buffer(planar.get(), 0), kOther, "samples");
-        std::array<const uint8_t*, 1> in{frame->data[0]};
-        Check(swr_convert(m_Resampler.get(), planar->extended_data, planar->nb_samples, in.data(),
-                          frame->nb_samples),
-              kOther, "samples");
-        frame = std::move(planar);
-    }
     av_channel_layout_copy(&frame->ch_layout, &codec.ch_layout);
     frame->sample_rate = codec.sample_rate;
+    if (codec.sample_fmt != frame->format && frame->nb_samples > 0) {
+        FramePtr planar = NewFrame();
+        av_channel_layout_copy(&planar->ch_layout, &codec.ch_layout);
+        planar->sample_rate = codec.sample_rate;
+        planar->format = codec.sample_fmt;
+        Check(swr_convert_frame(m_Resampler.get(), planar.get(), frame.get()), kOther, "samples");
+        frame = std::move(planar);
+    }
     frame->pts = m_nNext;
     m_nNext += frame->nb_samples;
     m_nCount += frame->nb_samples;
-    m_dEnd = static_cast<double>(m_nNext) / m_dRate;
+    m_dEnd = static_cast<double>(m_nNext) / codec.sample_rate;
     if (frame->nb_samples > 0) {
         Encode(frame.get());
     }
@@ -854,7 +663,7 @@ void Output::Encode(const AVFrame* pFrame)
             return;
         }
         Check(nReceived, kOutput, m_pEncoder->name);
-        if (m_pFormat == nullptr) {
+        if (m_bFiles) {
             WriteFile(*m_Packet);
             continue;
         }
@@ -879,55 +688,41 @@ void Output::WriteFile(const AVPacket& packet)
         target = Followed(name.data());
         MayReplace(target);
     }
-    if (!m_bPipe) {
-        m_Part = PartOf(target);
-        RemoveOnSignal(m_Part);
-    }
-    std::ofstream file(m_bPipe ? target : m_Part, std::ios::binary);
+    OpenPart(target);
+    std::ofstream file(m_Part, std::ios::binary);
     file.write(reinterpret_cast<const char*>(packet.data), packet.size);
     file.close();
     if (!file) {
         throw Failure(kOutput, fmt::format("{}: it cannot be written whole", target));
     }
-    if (!m_bPipe) {
-        Stand(target);
-    }
+    Stand(target);
 }
 
-void Output::WritePassed(double dUntil)
+void Output::WritePassed(AVPacket& packet)
 {
-    while (!m_Waiting.empty()) {
-        AVPacket& packet = *m_Waiting.front();
-        Copied& copied = m_Copied.at(packet.stream_index);
-        const int64_t nTime = packet.dts != AV_NOPTS_VALUE ? packet.dts : packet.pts;
-        if (nTime != AV_NOPTS_VALUE && static_cast<double>(nTime) * av_q2d(copied.base) >= dUntil) {
-            return;
-        }
-        AVStream& to = *copied.pTo;
-        if ((to.disposition & AV_DISPOSITION_ATTACHED_PIC) != 0) {
-            packet.pts = packet.dts = 0; // covers have no time
-        }
-        if (packet.pts == AV_NOPTS_VALUE) {
-            throw Failure(kOutput,
-                          fmt::format("the input does not say when each {} packet is shown, so that "
-                                      "it cannot be copied: leave it out with --pass none",
-                                      avcodec_get_name(to.codecpar->codec_id)));
-        }
-        av_packet_rescale_ts(&packet, copied.base, to.time_base);
-        packet.stream_index = to.index;
-        packet.pos = -1;
-        // Where recordings were joined they may overlap a little, which no container takes.
-        if (packet.dts != AV_NOPTS_VALUE) {
-            const int64_t nStrict = (m_pFormat->flags & AVFMT_TS_NONSTRICT) != 0 ? 0 : 1;
-            if (copied.nLast != AV_NOPTS_VALUE && packet.dts < copied.nLast + nStrict) {
-                packet.dts = copied.nLast + nStrict;
-                packet.pts = std::max(packet.pts, packet.dts);
-            }
-            copied.nLast = packet.dts;
-        }
-        Check(av_interleaved_write_frame(m_Format.get(), &packet), kOutput, m_Wish.path);
-        m_Waiting.pop_front();
+    Copied& copied = m_Copied.at(packet.stream_index);
+    AVStream& to = *copied.pTo;
+    if ((to.disposition & AV_DISPOSITION_ATTACHED_PIC) != 0) {
+        packet.pts = packet.dts = 0; // covers have no time
     }
+    if (packet.pts == AV_NOPTS_VALUE) {
+        throw Failure(kOutput, fmt::format("the input does not say when each {} packet is shown, so that "
+                                           "it cannot be copied: leave it out with --pass none",
+                                           avcodec_get_name(to.codecpar->codec_id)));
+    }
+    av_packet_rescale_ts(&packet, copied.base, to.time_base);
+    packet.stream_index = to.index;
+    packet.pos = -1;
+    // Where recordings were joined they may overlap a little, which no container takes.
+    if (packet.dts != AV_NOPTS_VALUE) {
+        const int64_t nStrict = (m_pFormat->flags & AVFMT_TS_NONSTRICT) != 0 ? 0 : 1;
+        if (copied.nLast != AV_NOPTS_VALUE && packet.dts < copied.nLast + nStrict) {
+            packet.dts = copied.nLast + nStrict;
+            packet.pts = std::max(packet.pts, packet.dts);
+        }
+        copied.nLast = packet.dts;
+    }
+    Check(av_interleaved_write_frame(m_Format.get(), &packet), kOutput, m_Wish.path);
 }
 
 } // namespace tool

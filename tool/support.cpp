@@ -9,16 +9,13 @@ extern "C" {
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cctype>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <string_view>
 #include <unistd.h>
-#include <utility>
 
 namespace tool
 {
@@ -26,17 +23,13 @@ namespace tool
 namespace
 {
 
-struct Line {
-    std::string text;
-    bool bShown = false;
-};
-
 struct Log {
     std::mutex mutex; // decoders write from threads of their own
     bool bVerbose = false;
-    std::string part;         // of a line that is not whole yet
-    std::vector<Line> errors; // the first and the last
-    Line warning;
+    bool bMuted = false;
+    std::string part;                // of a line that is not whole yet
+    std::vector<std::string> errors; // the first and the last that were not shown
+    std::string warning;
 };
 
 Log& TheLog()
@@ -45,68 +38,57 @@ Log& TheLog()
     return log;
 }
 
-std::atomic<int> g_nMuted = 0;
 volatile std::sig_atomic_t g_nInterrupted = 0;
 // Read by the handler: it must be whole whenever a signal comes, so the length is set last.
 std::array<char, 4096> g_Remove{};
 volatile std::sig_atomic_t g_nRemove = 0;
 
-// "fps: " for what FFmpeg calls Parsed_fps_4.
-std::string NameOf(void* pContext)
-{
-    const AVClass* pClass = pContext != nullptr ? *static_cast<AVClass**>(pContext) : nullptr;
-    return pClass != nullptr ? std::string(pClass->item_name(pContext)) + ": " : "";
-}
-
 // What users wrote as "fps" is "Parsed_fps_4" in FFmpeg's messages.
-void UseTheirNames(std::string& text)
+std::string WithTheirNames(std::string text)
 {
     constexpr std::string_view kBefore = "Parsed_";
-    constexpr std::string_view kDigits = "0123456789";
-    for (std::size_t n = text.find(kBefore); n != std::string::npos; n = text.find(kBefore, n + 1)) {
+    for (std::size_t n = text.find(kBefore); n != std::string::npos; n = text.find(kBefore, n)) {
         text.erase(n, kBefore.size());
-        const auto isWord = [](unsigned char c) { return std::isalnum(c) != 0 || c == '_'; };
-        const auto nEnd = static_cast<std::size_t>(
-            std::find_if_not(text.begin() + static_cast<std::ptrdiff_t>(n), text.end(), isWord) -
-            text.begin());
-        const std::size_t nBar = nEnd > n ? text.find_last_not_of(kDigits, nEnd - 1) : std::string::npos;
-        if (nBar != std::string::npos && nBar > n && text[nBar] == '_') {
+        std::size_t nEnd = n;
+        while (nEnd < text.size() &&
+               (std::isalnum(static_cast<unsigned char>(text[nEnd])) != 0 || text[nEnd] == '_')) {
+            ++nEnd;
+        }
+        const std::size_t nBar = text.rfind('_', nEnd);
+        if (nBar != std::string::npos && nBar > n &&
+            text.find_first_not_of("0123456789", nBar + 1) >= nEnd) {
             text.erase(nBar, nEnd - nBar);
         }
     }
+    return text;
 }
 
 void OnLog(void* pContext, int nLevel, const char* szFormat, va_list args)
 {
     Log& log = TheLog();
-    if (nLevel > AV_LOG_WARNING && !(log.bVerbose && nLevel <= AV_LOG_INFO)) {
+    if (nLevel > (log.bVerbose ? AV_LOG_INFO : AV_LOG_WARNING)) {
         return;
     }
     const std::scoped_lock lock(log.mutex);
     std::array<char, 1024> text{};
     int nPrefix = 0;
-    av_log_format_line2(pContext, nLevel, szFormat, args, text.data(), static_cast<int>(text.size()),
-                        &nPrefix);
-    log.part += log.part.empty() ? NameOf(pContext) + text.data() : text.data();
-    if (log.part.back() != '\n') {
+    av_log_format_line2(pContext, nLevel, szFormat, args, text.data(), text.size(), &nPrefix);
+    if (pContext != nullptr && log.part.empty()) {
+        log.part = fmt::format("{}: ", (*static_cast<AVClass**>(pContext))->item_name(pContext));
+    }
+    log.part += text.data();
+    if (log.part.empty() || log.part.back() != '\n') {
         return;
     }
-    Line line{std::exchange(log.part, {})};
-    UseTheirNames(line.text);
-    line.text.resize(line.text.find_last_not_of(" \n") + 1);
-    line.bShown = log.bVerbose && g_nMuted == 0;
-    if (line.bShown) {
-        fmt::print(stderr, "{}\n", line.text);
-    }
-    if (nLevel > AV_LOG_WARNING || line.text.empty()) {
-        return;
-    }
-    if (nLevel > AV_LOG_ERROR) {
-        log.warning = std::move(line);
-    } else if (log.errors.size() < 2) {
-        log.errors.push_back(std::move(line));
-    } else {
-        log.errors.back() = std::move(line);
+    std::string line = WithTheirNames(std::exchange(log.part, {}));
+    line.resize(line.find_last_not_of(" \n") + 1);
+    if (log.bVerbose && !log.bMuted) {
+        fmt::print(stderr, "{}\n", line);
+    } else if (nLevel == AV_LOG_WARNING) {
+        log.warning = line;
+    } else if (nLevel < AV_LOG_WARNING && !line.empty()) {
+        log.errors.resize(std::min<std::size_t>(log.errors.size(), 1));
+        log.errors.push_back(line);
     }
 }
 
@@ -121,14 +103,6 @@ void OnSignal(int nSignal)
     g_nInterrupted = 1;
 }
 
-void Handle(int nSignal, void (*pHandler)(int))
-{
-    struct sigaction action {
-    };
-    action.sa_handler = pHandler; // without SA_RESTART: a read that waits for a pipe must return
-    sigaction(nSignal, &action, nullptr);
-}
-
 } // namespace
 
 int Check(int n, Exit exit, const std::string& what)
@@ -137,8 +111,7 @@ int Check(int n, Exit exit, const std::string& what)
         return n;
     }
     std::array<char, AV_ERROR_MAX_STRING_SIZE> text{};
-    av_strerror(n, text.data(), text.size());
-    throw Failure(exit, fmt::format("{}: {}", what, text.data()));
+    throw Failure(exit, fmt::format("{}: {}", what, av_make_error_string(text.data(), text.size(), n)));
 }
 
 void CatchLog(bool bVerbose)
@@ -153,38 +126,32 @@ void ForgetLog()
     const std::scoped_lock lock(log.mutex);
     log.part.clear();
     log.errors.clear();
-    log.warning = {};
+    log.warning.clear();
 }
 
 std::vector<std::string> LogLines()
 {
     Log& log = TheLog();
     const std::scoped_lock lock(log.mutex);
-    std::vector<std::string> lines;
-    for (const Line& line : log.errors.empty() ? std::vector{log.warning} : log.errors) {
-        if (!line.bShown && !line.text.empty()) {
-            lines.push_back(line.text);
-        }
-    }
-    return lines;
+    return log.errors.empty() && !log.warning.empty() ? std::vector{log.warning} : log.errors;
 }
 
-Muted::Muted()
+void MuteLog(bool bMute)
 {
-    ++g_nMuted;
-}
-
-Muted::~Muted()
-{
-    --g_nMuted;
+    const std::scoped_lock lock(TheLog().mutex);
+    TheLog().bMuted = bMute;
 }
 
 void CatchSignals()
 {
+    struct sigaction action {
+    };
+    action.sa_handler = OnSignal; // without SA_RESTART: a read that waits for a pipe must return
     for (const int nSignal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
-        Handle(nSignal, OnSignal);
+        sigaction(nSignal, &action, nullptr);
     }
-    Handle(SIGUSR1, [](int) {});
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, nullptr);
     // A reader that goes away or a file that gets too large is a failed write, not a silent death with a
     // temporary file left behind.
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
@@ -205,11 +172,6 @@ void RemoveOnSignal(const std::string& path)
     }
 }
 
-void Wake(pthread_t thread)
-{
-    pthread_kill(thread, SIGUSR1);
-}
-
 Progress::Progress(bool bQuiet, double dTotal)
     : m_bShown(!bQuiet && isatty(STDERR_FILENO) == 1), m_dTotal(dTotal)
 {
@@ -224,25 +186,16 @@ Progress::~Progress()
 
 double Progress::Elapsed() const
 {
-    return std::chrono::duration<double>(Clock::now() - m_Start).count();
+    return std::max(std::chrono::duration<double>(Clock::now() - m_Start).count(), 1e-3);
 }
 
 void Progress::At(double dSeconds)
 {
-    if (!m_bShown || Clock::now() < m_Next) {
-        return;
+    if (m_bShown && Clock::now() >= m_Next) {
+        m_Next = Clock::now() + std::chrono::milliseconds(200);
+        fmt::print(stderr, "\r{:.1f} s{}, {:.1f} times as fast as it plays\x1b[K", dSeconds,
+                   m_dTotal > 0 ? fmt::format(" of {:.1f}", m_dTotal) : "", dSeconds / Elapsed());
     }
-    m_Next = Clock::now() + std::chrono::milliseconds(200);
-    const double dSpeed = dSeconds / std::max(Elapsed(), 1e-3);
-    std::string line = fmt::format("\r{:.1f} s", dSeconds);
-    if (m_dTotal > 0) {
-        line += fmt::format(" of {:.1f}", m_dTotal);
-    }
-    line += fmt::format(", {:.1f} times as fast as it plays", dSpeed);
-    if (m_dTotal > dSeconds && dSpeed > 0) {
-        line += fmt::format(", {:.0f} s left", (m_dTotal - dSeconds) / dSpeed);
-    }
-    static_cast<void>(std::fputs((line + "\x1b[K").c_str(), stderr));
 }
 
 } // namespace tool

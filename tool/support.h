@@ -8,6 +8,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace tool
@@ -15,15 +16,14 @@ namespace tool
 
 enum Exit : int {
     kDone = 0,
-    kOther = 1,   // no memory, an unexpected failure
-    kUsage = 2,   // wrong arguments
-    kInput = 3,   // an input cannot be opened, read or decoded
-    kOutput = 4,  // the output cannot be written
-    kGraph = 5,   // the description was refused, or failed while running
-    kNothing = 6, // the description kept everything to itself
-    kDamaged = 7, // the output is finished, but an input was damaged or cut
-    kInterrupted =
-        130, // Ctrl-C, TERM, HUP: the output holds what was done until then, if there was anything
+    kOther = 1,         // no memory, an unexpected failure
+    kUsage = 2,         // wrong arguments
+    kInput = 3,         // an input cannot be opened, read or decoded
+    kOutput = 4,        // the output cannot be written
+    kGraph = 5,         // the description was refused, or failed while running
+    kNothing = 6,       // the description kept everything to itself
+    kDamaged = 7,       // the output is finished, but an input was damaged or cut
+    kInterrupted = 130, // Ctrl-C, TERM, HUP: the output holds what was done until then, if anything
 };
 
 class Failure : public std::runtime_error
@@ -39,6 +39,20 @@ class Failure : public std::runtime_error
 // "what: FFmpeg's text for the number"; returns n if it is no error.
 int Check(int n, Exit exit, const std::string& what);
 
+// Does something when it goes out of scope.
+template <class Function>
+class Finally
+{
+  public:
+    explicit Finally(Function function) : m_Function(std::move(function)) {}
+    Finally(const Finally&) = delete;
+    Finally& operator=(const Finally&) = delete;
+    ~Finally() { m_Function(); }
+
+  private:
+    Function m_Function;
+};
+
 // FFmpeg's messages are kept back; with bVerbose they also go to standard error, once each.
 void CatchLog(bool bVerbose);
 // Forgets the messages about what was done before.
@@ -46,22 +60,13 @@ void ForgetLog();
 // The first and the last error message since (the last says what failed, of some versions only the first
 // says why), or else the last warning; without those that were shown.
 std::vector<std::string> LogLines();
-// While one lives, messages are kept but not shown: what happens now will happen again.
-class Muted
-{
-  public:
-    Muted();
-    Muted(const Muted&) = delete;
-    Muted& operator=(const Muted&) = delete;
-    ~Muted();
-};
+// Messages are kept but not shown: what happens until then will happen again.
+void MuteLog(bool bMute);
 
 void CatchSignals();
 bool IsInterrupted();
 // The file that goes away if a second signal ends the program at once; empty: none.
 void RemoveOnSignal(const std::string& path);
-// Makes a read of that thread that waits for a pipe return, so that it sees the interruption.
-void Wake(pthread_t thread);
 
 // One line on standard error while it is a terminal; otherwise nothing.
 class Progress

@@ -140,7 +140,7 @@ pictures)
     run scale 333x "$media/train.png" small.png
     ffmpeg -i "$media/train.png" -vf scale=333:222:flags=bilinear s.png
     same "the scaler" "$(show small.png v width,height,pix_fmt)" "$(show s.png v width,height,pix_fmt)"
-    run scale --pixel-format rgb24 x100 "$clip" --length 0.1 - >raw.rgb
+    run scale x100 "$clip" --length 0.1 - -pix_fmt rgb24 >raw.rgb
     same "raw bytes" "$(stat -c %s raw.rgb)" $((3 * 133 * 100 * 3))
     (ffmpeg -re -f lavfi -i testsrc=s=64x64 -c:v mpeg4 -f nut - 2>&- || true) |
         timeout 20 "$tool" video --length 1 null - live.mkv 2>/dev/null >&2 || fail "no end of an endless pipe: $?"
@@ -170,10 +170,8 @@ belongs)
     for text in '^\* 1 video' 'language fra' 'chapter at 0.000 s: One' '"A title"'; do
         grep -qe "$text" report || fail "$text is not in $(cat report)"
     done
-    "$tool" probe --json --audio aresample=8000 --video 'scale=100:-1,fps=50' "$media/cam.mp4" | tr -d ' \n' >flat
-    for text in '"video":{"width":100,"height":56,"format":"yuv444p","rate":"50"}' '"audio":{"rate":8000,"channels":1,'; do
-        grep -qF "$text" flat || fail "$text is not in $(cat flat)"
-    done
+    "$tool" video --json --explain 'scale=100:-1,fps=50' "$media/cam.mp4" | tr -d ' \n' >flat
+    grep -qF '"output":{"width":100,"height":56,"format":"yuv444p","rate":"50"}' flat || fail "no such output in $(cat flat)"
     "$tool" video --explain hflip,scale=100:50 "$media/cam.mp4" not-made.mp4 >graph
     for text in '(hflip)' '100x50' 'input "in": 320x180, yuv444p'; do
         grep -qF "$text" graph || fail "$text is not in $(cat graph)"
@@ -197,7 +195,7 @@ failures)
     refused 2 'does not tell an output format' video null "$clip" out.xyz
     refused 2 'without end' video scale=16:16,loop=-1:5 "$clip" out.y4m
     refused 2 'is required' video --json null
-    refused 2 'no command "vidio", but video' vidio null "$clip" out.mp4
+    refused 2 'no command "vidio"; say first what to do: audio, ' vidio null "$clip" out.mp4
     refused 2 '-nosuch: neither' video null "$clip" out.mp4 -nosuch 3
     refused 2 'is no size' scale 64x64zz "$clip" out.mp4
     refused 2 'no option "sample_rat"' audio --from wav:sample_rat=8000 anull "$media/Front_Left.wav" out.wav

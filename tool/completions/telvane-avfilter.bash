@@ -9,8 +9,7 @@ _telvane_avfilter() {
     fi
     case $previous in
     --to) options="wav flac mp3 ogg m4a mp4 mov mkv webm y4m png jpg raw" ;;
-    --pixel-format) options="yuv420p yuv422p yuv444p rgb24 bgr24 rgba bgra gray nv12" ;;
-    --length | --rate | --at | --from | --stream | --audio | --video) return ;;
+    --length | --at | --from | --stream) return ;;
     --pass)
         options="none in"
         ;;
@@ -21,11 +20,9 @@ _telvane_avfilter() {
     *)
         if [[ $word == -* ]]; then
             options="--help --json --verbose --from --stream"
-            [[ $command == probe ]] && options+=" --audio --video"
             [[ $command != probe ]] && options+=" --to --length --pass --force --explain --quiet"
             [[ $command == mix-* ]] && options+=" --in"
-            [[ $command == *video || $command == scale ]] && options+=" --rate --at"
-            [[ $command == scale ]] && options+=" --pixel-format"
+            [[ $command == *video || $command == scale ]] && options+=" --at"
         else
             mapfile -t COMPREPLY < <(compgen -f -- "$word")
             return
