@@ -52,6 +52,11 @@ struct Audio {
     {
         return "asetpts=N" + (stream.length ? ",atrim=end_sample=" + Text(*stream.length) : "");
     }
+    static double Time(const AudioStream& stream, std::int64_t n)
+    {
+        return static_cast<double>(n) / stream.rate;
+    }
+    static int ToEnd(const AudioStream& /*stream*/) noexcept { return 1; }
     static void SendAnything(unsigned long long hHandle, std::size_t nInput)
     {
         unsigned char nothing = 0;

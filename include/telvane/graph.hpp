@@ -6,8 +6,8 @@
 #include "telvane/error.hpp"
 #include "telvane/streams.hpp"
 
+#include <algorithm>
 #include <array>
-#include <cerrno>
 #include <charconv>
 #include <climits>
 #include <cstdint>
@@ -184,29 +184,21 @@ class Graph
         if (m_bEnd) {
             return {State::kEnd};
         }
-        bool bInputsEnded = true;
-        for (std::size_t i = 0; i < m_Inputs.size(); ++i) {
-            Entry& input = m_Inputs[i];
-            if (input.nLeft == 0) {
-                // What comes after the last one tells the filter at the input's head that it has ended.
-                Kind::SendAnything(hHandle, i);
-                input.nLeft = kEnded;
-            }
-            bInputsEnded = bInputsEnded && input.nLeft == kEnded;
-        }
         Received received;
         int nSize = 0;
-        if (Kind::kReceive(hHandle, Raw(m_Tail.Target(out)), &nSize)) {
-            m_bEnd = m_Clock.IsOpen() && !m_Clock.Next(received.time);
-            received.state = m_bEnd ? State::kEnd : State::kOutput;
-            received.bytes = m_bEnd ? 0 : m_Tail.Finish(out, static_cast<std::size_t>(nSize));
-            return received;
-        }
-        // The only other failure that is left here; all other codes are those of other threads.
-        Check(AVFilter_GetLastError(nullptr) != Kind::kNoMemory, "Receive");
-        Refuse(bInputsEnded && m_Clock.IsOpen(), Kind::kReceiveFailed,
+        do {
+            if (Kind::kReceive(hHandle, Raw(m_Tail.Target(out)), &nSize)) {
+                m_bEnd = m_Clock.IsOpen() && !m_Clock.Next(received.time);
+                received.state = m_bEnd ? State::kEnd : State::kOutput;
+                received.bytes = m_bEnd ? 0 : m_Tail.Finish(out, static_cast<std::size_t>(nSize));
+                return received;
+            }
+            // The only other failure that is left here; all other codes are those of other threads.
+            Check(AVFilter_GetLastError(nullptr) != Kind::kNoMemory, "Receive");
+        } while (EndInputs(hHandle));
+        m_bEnd = std::ranges::all_of(m_Inputs, [](const Entry& input) { return input.nToEnd == 0; });
+        Refuse(m_bEnd && m_Clock.IsOpen(), Kind::kReceiveFailed,
                "all inputs have ended, but a filter failed or waits");
-        m_bEnd = bInputsEnded;
         received.state = m_bEnd ? State::kEnd : State::kNotYet;
         return received;
     }
@@ -242,7 +234,7 @@ class Graph
             label.copy(infos[i].szName, label.size());
             pointers[i] = &infos[i];
             labels += "[" + inputs[i].name + "] ";
-            m_Inputs.push_back({stream, nLength.value_or(kEndless)});
+            m_Inputs.push_back({stream, nLength.value_or(kEndless), Kind::ToEnd(stream)});
         }
         CheckDescription(description, bCanEnd, Kind::kInvalid);
         // The layer's part stands in front, where no quote that the text leaves open can swallow it.
@@ -252,6 +244,12 @@ class Graph
         Check(Kind::kCreate(&hHandle, &ppInfo, static_cast<int>(infos.size()), kSinkLabel, whole.c_str()),
               description + "\nlabels here: " + labels + "[out]");
         m_Handle = decltype(m_Handle)(hHandle);
+        for (std::size_t i = 0; i < m_Inputs.size(); ++i) {
+            if (m_Inputs[i].IsAllSent()) { // nothing at all: FFmpeg's filters see that before they begin
+                Kind::SendAnything(hHandle, i);
+                m_Inputs[i].nToEnd = 0;
+            }
+        }
     }
 
     unsigned long long Get() const
@@ -269,21 +267,43 @@ class Graph
     std::int64_t Left(std::size_t nInput) const
     {
         StreamOf(nInput);
-        Refuse(m_Inputs[nInput].nLeft <= 0, Kind::kInvalid, "more than the stream's length");
-        return m_Inputs[nInput].nLeft;
+        const std::int64_t nLeft = m_Inputs[nInput].nLength - m_Inputs[nInput].nSent;
+        Refuse(nLeft <= 0, Kind::kInvalid, "more than the stream's length");
+        return nLeft;
     }
-    void Took(std::size_t nInput, std::int64_t n) noexcept
-    {
-        m_Inputs[nInput].nLeft -= m_Inputs[nInput].nLeft == kEndless ? 0 : n;
-    }
+    void Took(std::size_t nInput, std::int64_t n) noexcept { m_Inputs[nInput].nSent += n; }
 
   private:
     static constexpr std::int64_t kEndless = INT64_MAX;
-    static constexpr std::int64_t kEnded = -1;
     struct Entry {
         Stream stream;
-        std::int64_t nLeft;
+        std::int64_t nLength;
+        int nToEnd; // what must still be sent after the last picture or block
+        std::int64_t nSent = 0;
+        bool IsAllSent() const noexcept { return nSent == nLength; }
+        double Time() const { return Kind::Time(stream, nSent); }
     };
+
+    // What comes after an input's last picture or block tells the filters at its head that it has ended. Some
+    // filters that make pairs forget what the others have sent when one input ends. So it waits until all
+    // that came before it has been worked off, and until the others have come as far. False: nothing to tell.
+    bool EndInputs(unsigned long long hHandle)
+    {
+        bool bAny = false;
+        for (std::size_t i = 0; i < m_Inputs.size(); ++i) {
+            Entry& input = m_Inputs[i];
+            const auto isBehind = [&](const Entry& other) {
+                return !other.IsAllSent() && other.Time() <= input.Time();
+            };
+            if (input.IsAllSent() && input.nToEnd > 0 &&
+                (input.nToEnd > 1 || std::ranges::none_of(m_Inputs, isBehind))) {
+                Kind::SendAnything(hHandle, i);
+                --input.nToEnd;
+                bAny = true;
+            }
+        }
+        return bAny;
+    }
 
     static void CheckName(const std::string& name)
     {

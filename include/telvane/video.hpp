@@ -301,6 +301,17 @@ struct Video {
                "mergeplanes=map1s=1:map2s=2:map3s=3:format=" + format.name +
                ",crop=" + Text(picture.width) + ":" + Text(picture.height) + ":0:0:exact=1";
     }
+    // The time of the picture after n others, in seconds.
+    static double Time(const VideoStream& stream, std::int64_t n)
+    {
+        const Rational base =
+            stream.times.empty() ? Rational{stream.rate.den, stream.rate.num} : stream.timeBase;
+        const std::size_t nAt = std::min(static_cast<std::size_t>(n), stream.times.size() - 1);
+        const std::int64_t nTime = stream.times.empty() ? n : stream.times[nAt];
+        return static_cast<double>(nTime) * base.num / base.den;
+    }
+    // The picture that fps holds back, and the one that trim does not let pass.
+    static int ToEnd(const VideoStream& stream) { return stream.times.empty() ? 2 : 1; }
     static std::string TimeBase(Rational base) { return ",settb=" + Text(base.num) + "/" + Text(base.den); }
     static std::string Head(const VideoStream& stream, const std::string& label)
     {
@@ -316,11 +327,12 @@ struct Video {
             text += TimeBase({stream.rate.den, stream.rate.num}) + ",setpts=N";
         }
         if (const auto nLength = Length(stream)) {
-            text += ",trim=end_frame=" + Text(*nLength);
-            // It is this filter that tells others the rate. It holds a picture back, which nobody wants in
-            // a stream without end.
-            text +=
+            // It is fps that tells others the rate. It holds a picture back, which nobody wants in a stream
+            // without end.
+            const std::string trim = ",trim=end_frame=" + Text(*nLength);
+            const std::string fps =
                 stream.times.empty() ? ",fps=" + Text(stream.rate.num) + "/" + Text(stream.rate.den) : "";
+            text += *nLength == 0 ? trim + fps : fps + trim;
         }
         const Colour& colour = stream.colour;
         constexpr std::array kFields{"", "prog", "tff", "bff"};
