@@ -41,7 +41,8 @@ constexpr int kByFFmpeg = -2;
 template <class Filter, class Stream, class Out>
 void ExpectOutputs(const Stream& in, const Out& out, const std::vector<std::pair<std::string, int>>& cases)
 {
-    for (const auto& [description, nExpected] : cases) {
+    for (const auto& entry : cases) {
+        const std::string& description = entry.first;
         const test::KeepsMemoryByContract keeps;
         int nOutputs = 0;
         const int code = CodeOf([&] {
@@ -58,7 +59,7 @@ void ExpectOutputs(const Stream& in, const Out& out, const std::vector<std::pair
             }
         });
         const int nRefused = (code & ~0x1000) == AVFILTER_ERROR_AUDIO_INVALID_PARAM ? kByLayer : kByFFmpeg;
-        EXPECT_EQ(code == 0 ? nOutputs : nRefused, nExpected) << description;
+        EXPECT_EQ(code == 0 ? nOutputs : nRefused, entry.second) << description;
     }
 }
 
