@@ -106,10 +106,11 @@ void ExpectBadCalls(const std::string& null, Info st_Info)
     Handle h = 42;
     int n = 77;
 
-    using test::Init;
-    BAD(kBad, Init(nullptr, null.c_str(), &st_Info))
-    BAD(kBad, Init(&h, nullptr, &st_Info))
-    BAD(kBad, Init(&h, null.c_str(), static_cast<Info*>(nullptr)))
+    constexpr auto kInit = jobs::kInit<Info>;
+    constexpr auto kMixInit = jobs::kMixInit<Info>;
+    BAD(kBad, kInit(nullptr, null.c_str(), &st_Info))
+    BAD(kBad, kInit(&h, nullptr, &st_Info))
+    BAD(kBad, kInit(&h, null.c_str(), nullptr))
     BAD(kBad, filter.Take(0, none, out, &n))
     BAD(kBad, filter.Take(0, in, nullptr, &n))
     BAD(kBad, filter.Take(0, in, out, nullptr))
@@ -124,14 +125,14 @@ void ExpectBadCalls(const std::string& null, Info st_Info)
     Info** ppNone = nullptr;
     const std::string text = "[in]" + null + "[out];[b]" + null + "sink";
     const char* const szDescr = text.c_str();
-    BAD(kBad, Init(nullptr, good.Get(), 2, "out", szDescr))
-    BAD(kBad, Init(&h, static_cast<Info***>(nullptr), 2, "out", szDescr))
-    BAD(kBad, Init(&h, &ppNone, 2, "out", szDescr))
-    BAD(kBad, Init(&h, withNull.Get(), 2, "out", szDescr))
-    BAD(kBad, Init(&h, endless.Get(), 1, "out", szDescr))
-    BAD(kBad, Init(&h, good.Get(), 0, "out", szDescr))
-    BAD(kBad, Init(&h, good.Get(), -1, "out", szDescr))
-    BAD(kBad, Init(&h, good.Get(), 2, "out", nullptr))
+    BAD(kBad, kMixInit(nullptr, good.Get(), 2, "out", szDescr))
+    BAD(kBad, kMixInit(&h, nullptr, 2, "out", szDescr))
+    BAD(kBad, kMixInit(&h, &ppNone, 2, "out", szDescr))
+    BAD(kBad, kMixInit(&h, withNull.Get(), 2, "out", szDescr))
+    BAD(kBad, kMixInit(&h, endless.Get(), 1, "out", szDescr))
+    BAD(kBad, kMixInit(&h, good.Get(), 0, "out", szDescr))
+    BAD(kBad, kMixInit(&h, good.Get(), -1, "out", szDescr))
+    BAD(kBad, kMixInit(&h, good.Get(), 2, "out", nullptr))
 
     BAD(kBad, mix.Send(0, 3, none))
     BAD(kUnknown, mix.Send(0, 3, in))
@@ -162,9 +163,9 @@ void ExpectRefused(const char* szDescr, std::vector<Info> vec_Infos, Handle nCod
     const test::KeepsMemoryByContract keeps(nCode < AVFILTER_ERROR_VIDEO_INVALID_PARAM);
     Handle h = 42;
     test::Inputs<Info> inputs(vec_Infos);
-    ExpectFailure(test::Init(&h, inputs.Get(), inputs.Count(), szOut, szDescr), nCode);
+    ExpectFailure(jobs::kMixInit<Info>(&h, inputs.Get(), inputs.Count(), szOut, szDescr), nCode);
     if (std::string(vec_Infos[0].szName) == "in") {
-        ExpectFailure(test::Init(&h, szDescr, vec_Infos.data()), nCode);
+        ExpectFailure(jobs::kInit<Info>(&h, szDescr, vec_Infos.data()), nCode);
     }
     EXPECT_EQ(h, 42U);
 }

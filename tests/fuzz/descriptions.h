@@ -4,7 +4,6 @@
 
 #include <fuzzer/FuzzedDataProvider.h>
 
-#include <cctype>
 #include <iterator>
 #include <sstream>
 #include <string>
@@ -29,14 +28,6 @@ inline constexpr const char* kFilters =
     "scroll perspective vignette extractplanes mergeplanes premultiply zoompan hqdn3d xfade normalize "
     "colorspace swaprect stereo3d telecine geq chromashift fillborders";
 
-// No "*", no "^", no function that loops: they make large numbers and long runs of small ones.
-inline constexpr const char* kPieces =
-    "[in] [out] [a] [b] [c] [ ] , ; = : | ' \\ @ in out a b c 0 1 2 3 16 64 100 0.5 -1 48000 44100 "
-    "8000 stereo mono 5.1 s16 fltp flt u8 yuv420p rgb24 gray nv12 pal8 yuv444p10le inputs normalize "
-    "duration sample_fmts channel_layouts sample_rates n p N T iw ih iw/2 ih/2 w h x y shortest "
-    "eof_action repeat enable gte(t,1) between(n,1,3) mod(n,2) sws_flags=bilinear; async size d c0=c1 "
-    "all_mode screen expr print_format NAN inf threads PTS-STARTPTS TB";
-
 inline constexpr const char* kWhole =
     "anull volume=0.5,aformat=sample_fmts=s16 [in]anullsink;sine=samples_per_frame=480[out] "
     "aformat=sample_fmts=s16p:channel_layouts=5.1 asetnsamples=n=100 aresample=44100 null "
@@ -57,13 +48,10 @@ inline std::string Description(FuzzedDataProvider& data)
     if (data.ConsumeBool()) {
         return pick(kWhole);
     }
-    std::string text;
-    for (int n = data.ConsumeIntegralInRange(0, 24); n > 0; --n) {
-        const std::string word = pick(data.ConsumeBool() ? kFilters : kPieces);
-        // A digit or a multiplier ("k", "T") behind a number would make it a large one.
-        if (text.empty() || std::isdigit(text.back()) == 0 || std::isalnum(word[0]) == 0) {
-            text += word;
-        }
+    std::string text = data.PickValueInArray({"", "[in]", "[a]", "[a][b]"});
+    for (int n = data.ConsumeIntegralInRange(0, 8); n > 0; --n) {
+        text += pick(kFilters) +
+                data.PickValueInArray({",", "[x];[x]", "[x][y];[x][y]", "=", "=16:", "[out]", ";", ""});
     }
     return text;
 }

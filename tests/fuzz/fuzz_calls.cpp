@@ -103,9 +103,9 @@ class Machine
         Slot& slot = AnySlot();
         const bool bResult = New(slot, jobs::KindOf<Info>(bMix), [&](Handle* phHandle) {
             if constexpr (bMix) {
-                return jobs::Init(phHandle, pppInfo, nCount, szOut, szDescr);
+                return jobs::kMixInit<Info>(phHandle, pppInfo, nCount, szOut, szDescr);
             } else {
-                return jobs::Init(phHandle, szDescr, pppInfo == nullptr ? nullptr : (*pppInfo)[0]);
+                return jobs::kInit<Info>(phHandle, szDescr, pppInfo == nullptr ? nullptr : (*pppInfo)[0]);
             }
         });
         for (std::size_t i = 0; bResult && i < infos.size(); ++i) {

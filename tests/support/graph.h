@@ -13,7 +13,6 @@ namespace test
 {
 
 using jobs::Handle;
-using jobs::Init;
 using jobs::Inputs;
 using jobs::KindOf;
 
@@ -47,12 +46,12 @@ class Graph
     // A filter, and a mix.
     Graph(const std::string& descr, Info st_Info) : m_Kind(KindOf<Info>(false))
     {
-        EXPECT_OK(Init(&m_hHandle, descr.c_str(), &st_Info));
+        EXPECT_OK(jobs::kInit<Info>(&m_hHandle, descr.c_str(), &st_Info));
     }
     Graph(const std::string& descr, std::vector<Info> vec_Infos) : m_Kind(KindOf<Info>(true))
     {
         Inputs<Info> inputs(std::move(vec_Infos));
-        EXPECT_OK(Init(&m_hHandle, inputs.Get(), inputs.Count(), "out", descr.c_str()));
+        EXPECT_OK(jobs::kMixInit<Info>(&m_hHandle, inputs.Get(), inputs.Count(), "out", descr.c_str()));
     }
     ~Graph() { EXPECT_OK(m_Kind.Destroy(m_hHandle)); }
     Graph(const Graph&) = delete;

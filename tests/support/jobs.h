@@ -82,24 +82,15 @@ class Inputs
     Info** m_ppInfo;
 };
 
-inline bool Init(Handle* phHandle, const char* szDescr, AVFILTER_AUDIO_INFO* pInfo)
-{
-    return AVFilter_Audio_Init(phHandle, szDescr, pInfo);
-}
-inline bool Init(Handle* phHandle, const char* szDescr, AVFILTER_VIDEO_INFO* pInfo)
-{
-    return AVFilter_Video_Init(phHandle, szDescr, pInfo);
-}
-inline bool Init(Handle* phHandle, AVFILTER_AUDIO_INFO*** pppInfo, int n, const char* szOut,
-                 const char* szDescr)
-{
-    return AVFilter_Audio_MIXInit(phHandle, pppInfo, n, szOut, szDescr);
-}
-inline bool Init(Handle* phHandle, AVFILTER_VIDEO_INFO*** pppInfo, int n, const char* szOut,
-                 const char* szDescr)
-{
-    return AVFilter_Video_MIXInit(phHandle, pppInfo, n, szOut, szDescr);
-}
+// The initialisers of filters and mixes.
+template <class Info>
+constexpr auto kInit = AVFilter_Video_Init;
+template <>
+inline constexpr auto kInit<AVFILTER_AUDIO_INFO> = AVFilter_Audio_Init;
+template <class Info>
+constexpr auto kMixInit = AVFilter_Video_MIXInit;
+template <>
+inline constexpr auto kMixInit<AVFILTER_AUDIO_INFO> = AVFilter_Audio_MIXInit;
 
 template <class Info>
 void Describe(Info& st_Info, Size size)
@@ -121,7 +112,7 @@ bool CreateFilter(Handle* phHandle, Size size, const char* szDescr)
 {
     Info st_Info{};
     Describe(st_Info, size);
-    return Init(phHandle, szDescr, &st_Info);
+    return kInit<Info>(phHandle, szDescr, &st_Info);
 }
 
 template <class Info>
@@ -136,7 +127,7 @@ bool CreateMix(Handle* phHandle, Size size, const char* szDescr)
         infos.push_back(st_Info);
     }
     Inputs<Info> inputs(std::move(infos));
-    return Init(phHandle, inputs.Get(), inputs.Count(), "out", szDescr);
+    return kMixInit<Info>(phHandle, inputs.Get(), inputs.Count(), "out", szDescr);
 }
 
 enum : std::size_t { kAudioFilter, kAudioMix, kVideoFilter, kVideoMix, kScaler };
