@@ -13,7 +13,7 @@
 namespace fuzz
 {
 
-// Records the allocations made during its life. One may live at a time, on the only thread.
+// Records the allocations made during its life. One may live at a time.
 class Allocations
 {
   public:
@@ -48,7 +48,7 @@ class Allocations
         }
     }
 
-    static inline bool s_bRecording = false;
+    static inline thread_local bool s_bRecording = false; // the fuzzer has a thread of its own
     static inline std::set<std::uintptr_t> s_Blocks;
 };
 
