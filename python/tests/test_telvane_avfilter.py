@@ -55,14 +55,13 @@ class BesideTheCommand(unittest.TestCase):
             stream = Picture(38, 23, name, Fraction(30000, 1001), length=5)
             description = ("reverse", "fps=50", "tile=2x2", "rotate=0.3", "trim=end_frame=2", "select=0")[number % 6]
             pictures = noise(stream._dtype, 5, *stream._shape)
+            form = ["-f", "rawvideo", "-pix_fmt", name, "-s", "38x23", "-r", "30000/1001"]
+            end = ["-vf", f"{description},scale=38:23,format={name}", "-fps_mode", "passthrough", "-f", "rawvideo"]
             with self.subTest(description, format=name), VideoFilter(stream, description) as graph:
                 for picture in pictures:
                     graph.send(picture)
                 received = b"".join(picture.tobytes() for picture in graph.received())
-                form = ["-f", "rawvideo", "-pix_fmt", name, "-s", "38x23", "-r", "30000/1001"]
-                end = ["-fps_mode", "passthrough", "-f", "rawvideo"]
-                text = f"{description},scale=38:23,format={name}"
-                self.assertEqual((received, graph.ended), (ffmpeg(pictures, form, "-vf", text, *end), True))
+                self.assertEqual((received, graph.ended), (ffmpeg(pictures, form, *end), True))
                 if len(stream._shape) > 1:
                     whole = telvane.filter_video(pictures, description, stream.rate, format=name)
                     self.assertEqual((whole.shape[1:], whole.tobytes()), (pictures.shape[1:], received))
@@ -82,20 +81,16 @@ class Arrays(unittest.TestCase):
             np.testing.assert_array_equal(scaler.scale(picture[:, ::-1]), picture[:, ::-1, ::-1])
 
     def test_a_mix_is_the_sum_of_arrays_of_any_length(self):
-        for shape in ((3000,), (3000, 2)):
-            a, b = noise("f4", *shape) / 2, noise("f4", *shape)[:1500] / 2
-            expected = np.concatenate([a[:1500] + b, a[1500:]])
-            np.testing.assert_array_equal(telvane.mix_audio([a, b], 8000), expected)
-        self.assertEqual(telvane.filter_audio(a, 8000, "[in]anullsink;sine", samples=1500).shape, (1500, 2))
+        a, b = noise("f4", 3000) / 2, noise("f4", 1500) / 2
+        np.testing.assert_array_equal(telvane.mix_audio([a, b], 8000), np.concatenate([a[:1500] + b, a[1500:]]))
+        self.assertEqual(telvane.filter_audio(a, 8000, "[in]anullsink;sine", samples=1500).shape, (1500,))
 
     def test_times_and_ends(self):
-        even, uneven = {"rate": Fraction(30000, 1001), "length": 3}, {"times": [0, 40, 100]}
-        for given, expected in ((even, [0, 0.033367, 0.066733]), (uneven, [0, 0.04, 0.1])):
-            with VideoMixer({"a": Picture(8, 8, "gray", **given)}, "[a]null") as graph:
-                for number in range(3):
-                    graph.send("a", np.full((8, 8), number, np.uint8))
-                self.assertFalse(graph.ended)
-                self.assertEqual([(p[0, 0], graph.time) for p in graph.received()], list(enumerate(expected)))
+        with VideoMixer({"a": Picture(8, 8, "gray", times=[0, 40, 100])}, "[a]null") as graph:
+            for number in range(3):
+                graph.send("a", np.full((8, 8), number, np.uint8))
+            self.assertFalse(graph.ended)
+            self.assertEqual([(p[0, 0], graph.time) for p in graph.received()], [(0, 0), (1, 0.04), (2, 0.1)])
         with AudioFilter(Audio(8000, samples=100, length=250), "anull") as graph:
             self.assertIsNone(graph.receive())
             for length in (100, 100, 50):

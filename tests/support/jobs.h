@@ -93,25 +93,19 @@ template <>
 inline constexpr auto kMixInit<AVFILTER_AUDIO_INFO> = AVFilter_Audio_MIXInit;
 
 template <class Info>
-void Describe(Info& st_Info, Size size)
+Info Describe(Size size)
 {
-    if constexpr (requires { st_Info.nSampleRate; }) {
-        st_Info.nSampleFormat = 1;
-        st_Info.nSampleRate = 48000;
-        st_Info.nNbSamples = size.nSamples;
-        st_Info.nChannels = 2;
+    if constexpr (std::is_same_v<Info, AVFILTER_AUDIO_INFO>) {
+        return {{}, 1, 48000, size.nSamples, 2, 0, 0};
     } else {
-        st_Info.nWidth = size.nWidth;
-        st_Info.nHeight = size.nHeight;
-        st_Info.nTimeBase = 25;
+        return {{}, size.nWidth, size.nHeight, 25, 0, 0};
     }
 }
 
 template <class Info>
 bool CreateFilter(Handle* phHandle, Size size, const char* szDescr)
 {
-    Info st_Info{};
-    Describe(st_Info, size);
+    Info st_Info = Describe<Info>(size);
     return kInit<Info>(phHandle, szDescr, &st_Info);
 }
 
@@ -120,11 +114,9 @@ bool CreateMix(Handle* phHandle, Size size, const char* szDescr)
 {
     std::vector<Info> infos;
     for (const char* p = szDescr; *p == '['; p += 3) {
-        Info st_Info{};
-        Describe(st_Info, size);
-        st_Info.szName[0] = p[1];
-        st_Info.nInputId = static_cast<int>(infos.size());
-        infos.push_back(st_Info);
+        infos.push_back(Describe<Info>(size));
+        infos.back().szName[0] = p[1];
+        infos.back().nInputId = static_cast<int>(infos.size()) - 1;
     }
     Inputs<Info> inputs(std::move(infos));
     return kMixInit<Info>(phHandle, inputs.Get(), inputs.Count(), "out", szDescr);
@@ -177,14 +169,10 @@ inline constexpr std::array<Kind, 5> kKinds{{
 
 // The kind of handle that a stream or streams like this one make.
 template <class Info>
-constexpr std::size_t KindIndex(bool bMix)
-{
-    return (std::is_same_v<Info, AVFILTER_AUDIO_INFO> ? kAudioFilter : kVideoFilter) + (bMix ? 1U : 0U);
-}
-template <class Info>
 const Kind& KindOf(bool bMix)
 {
-    return kKinds[KindIndex<Info>(bMix)];
+    const std::size_t nFilter = std::is_same_v<Info, AVFILTER_AUDIO_INFO> ? kAudioFilter : kVideoFilter;
+    return kKinds[nFilter + (bMix ? 1U : 0U)];
 }
 
 // Creates a handle with the kind's own graph.
