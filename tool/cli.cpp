@@ -54,18 +54,12 @@ struct Arguments {
     bool bVerbose = false;
 };
 
-int Report(const Arguments& arguments, Exit exit, const std::string& what, unsigned nCode = 0)
+int Report(const Arguments& arguments, Exit exit, const std::string& what)
 {
     std::vector<std::string> lines = LogLines();
-    lines.erase(
-        std::remove_if(lines.begin(), lines.end(),
-                       [&](const std::string& line) { return what.find(line) != std::string::npos; }),
-        lines.end());
+    std::erase_if(lines, [&](const std::string& line) { return what.find(line) != std::string::npos; });
     if (arguments.options.bJson) {
         Json json{{"exit", static_cast<int>(exit)}, {"error", what}};
-        if (nCode != 0) {
-            json["code"] = fmt::format("0x{:X}", nCode);
-        }
         if (!lines.empty()) {
             json["ffmpeg"] = lines;
         }
@@ -243,7 +237,7 @@ int Run(int argc, char** argv)
         }
         return Report(arguments, failure.ExitCode(), failure.what());
     } catch (const telvane::Error& error) {
-        return Report(arguments, kGraph, error.what(), static_cast<unsigned>(error.code().value()));
+        return Report(arguments, kGraph, error.what());
     } catch (const std::bad_alloc&) {
         return Report(arguments, kOther, "no memory");
     } catch (const std::exception& error) {

@@ -41,10 +41,15 @@ using GraphPtr = std::unique_ptr<AVFilterGraph, Freer<avfilter_graph_free>>;
 using PoolPtr = std::unique_ptr<AVBufferPool, Freer<av_buffer_pool_uninit>>;
 using SwrPtr = std::unique_ptr<SwrContext, Freer<swr_free>>;
 
+template <class T>
+T* NotNull(T* p)
+{
+    return p != nullptr ? p : throw std::bad_alloc();
+}
 template <class Ptr>
 Ptr Made(typename Ptr::pointer p)
 {
-    return p != nullptr ? Ptr(p) : throw std::bad_alloc();
+    return Ptr(NotNull(p));
 }
 inline FramePtr NewFrame()
 {
@@ -141,56 +146,44 @@ inline void CopySideData([[maybe_unused]] const AVStream& from, [[maybe_unused]]
 
 // What an encoder takes; nothing: anything. 7.1 put a function in place of the lists.
 #if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(61, 13, 100)
-template <class T, AVCodecConfig Config>
-std::vector<T> Supported(const AVCodec& codec)
+inline const void* ListOf(const AVCodec& codec, AVCodecConfig config)
 {
-    const void* p = nullptr;
-    int n = 0;
-    avcodec_get_supported_config(nullptr, &codec, Config, 0, &p, &n);
-    return {static_cast<const T*>(p), static_cast<const T*>(p) + (p != nullptr ? n : 0)};
+    const void* pList = nullptr;
+    avcodec_get_supported_config(nullptr, &codec, config, 0, &pList, nullptr);
+    return pList;
 }
-inline auto PixelFormats(const AVCodec& codec)
-{
-    return Supported<AVPixelFormat, AV_CODEC_CONFIG_PIX_FORMAT>(codec);
-}
-inline auto SampleFormats(const AVCodec& codec)
-{
-    return Supported<AVSampleFormat, AV_CODEC_CONFIG_SAMPLE_FORMAT>(codec);
-}
-inline auto SampleRates(const AVCodec& codec)
-{
-    return Supported<int, AV_CODEC_CONFIG_SAMPLE_RATE>(codec);
-}
-inline auto Layouts(const AVCodec& codec)
-{
-    return Supported<AVChannelLayout, AV_CODEC_CONFIG_CHANNEL_LAYOUT>(codec);
-}
+#define TOOL_LIST(codec, config, member) ListOf(codec, config)
 #else
+#define TOOL_LIST(codec, config, member) (codec).member
+#endif
 template <class T, class IsEnd>
-std::vector<T> Listed(const T* p, const IsEnd& isEnd)
+std::vector<T> Listed(const void* pList, const IsEnd& isEnd)
 {
     std::vector<T> list;
-    for (; p != nullptr && !isEnd(*p); ++p) {
+    for (const T* p = static_cast<const T*>(pList); p != nullptr && !isEnd(*p); ++p) {
         list.push_back(*p);
     }
     return list;
 }
 inline auto PixelFormats(const AVCodec& codec)
 {
-    return Listed(codec.pix_fmts, [](AVPixelFormat f) { return f == AV_PIX_FMT_NONE; });
+    return Listed<AVPixelFormat>(TOOL_LIST(codec, AV_CODEC_CONFIG_PIX_FORMAT, pix_fmts),
+                                 [](AVPixelFormat f) { return f == AV_PIX_FMT_NONE; });
 }
 inline auto SampleFormats(const AVCodec& codec)
 {
-    return Listed(codec.sample_fmts, [](AVSampleFormat f) { return f == AV_SAMPLE_FMT_NONE; });
+    return Listed<AVSampleFormat>(TOOL_LIST(codec, AV_CODEC_CONFIG_SAMPLE_FORMAT, sample_fmts),
+                                  [](AVSampleFormat f) { return f == AV_SAMPLE_FMT_NONE; });
 }
 inline auto SampleRates(const AVCodec& codec)
 {
-    return Listed(codec.supported_samplerates, [](int n) { return n == 0; });
+    return Listed<int>(TOOL_LIST(codec, AV_CODEC_CONFIG_SAMPLE_RATE, supported_samplerates),
+                       [](int n) { return n == 0; });
 }
 inline auto Layouts(const AVCodec& codec)
 {
-    return Listed(codec.ch_layouts, [](const AVChannelLayout& l) { return l.nb_channels == 0; });
+    return Listed<AVChannelLayout>(TOOL_LIST(codec, AV_CODEC_CONFIG_CHANNEL_LAYOUT, ch_layouts),
+                                   [](const AVChannelLayout& l) { return l.nb_channels == 0; });
 }
-#endif
 
 } // namespace tool

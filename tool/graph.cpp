@@ -15,7 +15,6 @@ namespace
 // What the user calls it: the tool's own filters may stand before it.
 std::string NameOf(const std::string& label)
 {
-    constexpr std::string_view kSource = "source@";
     return label.substr(label.starts_with(kSource) ? kSource.size() : 0);
 }
 
@@ -106,12 +105,9 @@ GraphPtr BuildGraph(AVMediaType kind, const std::vector<End>& sources, const std
     });
     const auto add = [&](const std::string& filter, const End& end, AVFilterInOut*& pList) {
         const std::string name = (kind == AVMEDIA_TYPE_AUDIO ? "a" : "") + filter;
-        AVFilterContext* pFilter =
-            avfilter_graph_alloc_filter(graph.get(), avfilter_get_by_name(name.c_str()), end.label.c_str());
-        AVFilterInOut* pOpen = avfilter_inout_alloc();
-        if (pFilter == nullptr || pOpen == nullptr) {
-            throw std::bad_alloc();
-        }
+        AVFilterContext* pFilter = NotNull(avfilter_graph_alloc_filter(
+            graph.get(), avfilter_get_by_name(name.c_str()), end.label.c_str()));
+        AVFilterInOut* pOpen = NotNull(avfilter_inout_alloc());
         *pOpen = {av_strdup(end.label.c_str()), pFilter, 0, pList};
         pList = pOpen;
         ends.push_back(pFilter);
@@ -130,8 +126,7 @@ GraphPtr BuildGraph(AVMediaType kind, const std::vector<End>& sources, const std
     return graph;
 }
 
-Outcome Preview(const std::vector<std::unique_ptr<Input>>& inputs, const std::vector<std::string>& labels,
-                const std::string& text)
+Outcome Preview(const std::vector<std::unique_ptr<Input>>& inputs, const std::string& text)
 {
     ForgetLog();
     MuteLog(true);
@@ -148,12 +143,11 @@ Outcome Preview(const std::vector<std::unique_ptr<Input>>& inputs, const std::ve
     const AVMediaType kind = inputs[0]->Gives().kind;
     const bool bVideo = kind == AVMEDIA_TYPE_VIDEO;
     std::vector<End> sources;
-    for (std::size_t i = 0; i < inputs.size(); ++i) {
-        const Input& input = *inputs[i];
-        sources.push_back(
-            SourceOf(labels[i], input.Gives(),
-                     bVideo ? input.Stream().time_base : AVRational{1, input.Gives().audio.rate},
-                     input.Rate(), input.First().sample_aspect_ratio));
+    for (const auto& input : inputs) {
+        const AVRational base =
+            bVideo ? input->Stream().time_base : AVRational{1, input->Gives().audio.rate};
+        sources.push_back(SourceOf(std::string(kSource) + input->Of().name, input->Gives(), base,
+                                   input->Rate(), input->First().sample_aspect_ratio));
     }
     std::vector<AVFilterContext*> ends;
     const GraphPtr graph = BuildGraph(kind, sources, text, ends);
@@ -179,10 +173,8 @@ Outcome Preview(const std::vector<std::unique_ptr<Input>>& inputs, const std::ve
     if (out.rate.num <= 0 || out.rate.den <= 0) {
         out.rate = inputs[0]->Rate();
     }
-    out.aspect = av_buffersink_get_sample_aspect_ratio(pSink);
     // A few pictures of each, and their end: nearly every filter gives something then.
     constexpr int kTried = 3;
-    const AVFrame* pTells = &inputs[0]->First();
     for (std::size_t i = 0; i < inputs.size(); ++i) {
         const int64_t nStep = std::max<int64_t>(
             1, av_rescale_q(1, av_inv_q(inputs[i]->Rate()), inputs[i]->Stream().time_base));
@@ -195,13 +187,11 @@ Outcome Preview(const std::vector<std::unique_ptr<Input>>& inputs, const std::ve
         }
         static_cast<void>(av_buffersrc_close(ends[i], kTried * nStep, 0));
     }
-    const FramePtr seen = NewFrame();
-    if (av_buffersink_get_frame(pSink, seen.get()) >= 0) {
-        pTells = seen.get();
+    out.seen = NewFrame();
+    if (av_buffersink_get_frame(pSink, out.seen.get()) < 0) {
+        Check(av_frame_copy_props(out.seen.get(), &inputs[0]->First()), kOther, "a picture");
     }
-    out.colour = {pTells->color_range, pTells->color_primaries, pTells->color_trc, pTells->colorspace};
-    out.bInterlaced = IsInterlaced(*pTells);
-    out.bTopFirst = IsTopFirst(*pTells);
+    out.seen->sample_aspect_ratio = av_buffersink_get_sample_aspect_ratio(pSink);
     return out;
 }
 

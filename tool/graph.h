@@ -24,23 +24,22 @@ End SourceOf(const std::string& label, const Form& form, AVRational base, AVRati
 GraphPtr BuildGraph(AVMediaType kind, const std::vector<End>& sources, const std::string& text,
                     std::vector<AVFilterContext*>& ends);
 
+// Before the label of each input, where the tool's own filters stand in front of it.
+inline constexpr std::string_view kSource = "source@";
+
 // What comes out.
 struct Outcome {
     Form form; // a block's size is not known
     AVRational rate{0, 1};
     AVRational timeBase{1, 1};
-    AVRational aspect{0, 1};
-    telvane::Colour colour;
-    bool bInterlaced = false;
-    bool bTopFirst = false;
+    FramePtr seen;        // tells colours, fields and aspect
     bool bUneven = false; // the inputs' pictures do not follow each other evenly
     int nDepth = 0;       // bits of a sample, as far as they mean something
     std::string dump;
 };
 
 // The inputs' first pictures are sent through, for what only pictures tell.
-Outcome Preview(const std::vector<std::unique_ptr<Input>>& inputs, const std::vector<std::string>& labels,
-                const std::string& text);
+Outcome Preview(const std::vector<std::unique_ptr<Input>>& inputs, const std::string& text);
 
 // The text with more filters behind its output.
 std::string Append(const std::string& text, const std::string& filters);

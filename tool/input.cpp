@@ -15,6 +15,8 @@ extern "C" {
 #include <cmath>
 #include <csignal>
 #include <filesystem>
+#include <map>
+#include <set>
 #include <sys/stat.h>
 #include <tuple>
 
@@ -23,11 +25,6 @@ namespace tool
 
 namespace
 {
-
-int Interrupted(void*)
-{
-    return IsInterrupted() ? 1 : 0;
-}
 
 // In AV_TIME_BASE.
 constexpr AVRational kMicroseconds{1, AV_TIME_BASE};
@@ -66,9 +63,6 @@ bool IsSame(const Form& a, const Form& b)
 // The library's format that loses least.
 AVPixelFormat Nearest(AVPixelFormat format)
 {
-    if (telvane::FindFormat(format) != nullptr) {
-        return format;
-    }
     if (format == AV_PIX_FMT_PAL8) { // may have transparent entries
         return AV_PIX_FMT_RGBA;
     }
@@ -80,20 +74,36 @@ AVPixelFormat Nearest(AVPixelFormat format)
     return avcodec_find_best_pix_fmt_of_list(formats.data(), format, 1, nullptr);
 }
 
-// Notes which files are opened on the way.
-struct Opening {
-    static int Open(AVFormatContext* pFormat, AVIOContext** ppIo, const char* szUrl, int nFlags,
-                    AVDictionary** ppOptions)
-    {
-        constexpr std::string_view kFile = "file:";
-        const std::string url = szUrl;
-        if (const auto id = IdOf(url.starts_with(kFile) ? url.substr(kFile.size()) : url)) {
-            static_cast<std::set<FileId>*>(pFormat->opaque)->insert(*id);
-        }
-        return pDefault(pFormat, ppIo, szUrl, nFlags, ppOptions);
+using FileId = std::pair<dev_t, ino_t>;
+// Of the regular file that this name leads to.
+std::optional<FileId> IdOf(const std::string& path)
+{
+    struct stat status {
+    };
+    const bool bFile = stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+    return bFile ? std::optional(FileId{status.st_dev, status.st_ino}) : std::nullopt;
+}
+
+// The files that inputs have opened.
+struct {
+    std::mutex mutex;
+    std::set<FileId> ids;
+    decltype(AVFormatContext::io_open) pOpen = nullptr; // FFmpeg's own
+} g_Opened;
+
+int Open(AVFormatContext* pFormat, AVIOContext** ppIo, const char* szUrl, int nFlags,
+         AVDictionary** ppOptions)
+{
+    constexpr std::string_view kFile = "file:";
+    const std::string url = szUrl;
+    std::unique_lock lock(g_Opened.mutex);
+    if (const auto id = IdOf(url.starts_with(kFile) ? url.substr(kFile.size()) : url)) {
+        g_Opened.ids.insert(*id);
     }
-    static inline decltype(AVFormatContext::io_open) pDefault = nullptr;
-};
+    const auto pOpen = g_Opened.pOpen;
+    lock.unlock(); // opening a pipe may take long
+    return pOpen(pFormat, ppIo, szUrl, nFlags, ppOptions);
+}
 
 // The samples in a packet, without decoding it.
 int64_t SamplesOf(AVPacket& packet, const AVStream& stream)
@@ -115,14 +125,11 @@ int64_t SamplesOf(AVPacket& packet, const AVStream& stream)
 
 } // namespace
 
-std::optional<FileId> IdOf(const std::string& path)
+bool IsInput(const std::string& path)
 {
-    struct stat status {
-    };
-    if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
-        return std::nullopt;
-    }
-    return FileId{status.st_dev, status.st_ino};
+    const std::optional<FileId> id = IdOf(path);
+    const std::scoped_lock lock(g_Opened.mutex);
+    return id && g_Opened.ids.count(*id) != 0;
 }
 
 // ---- Files --------------------------------------------------------------------------------------
@@ -149,14 +156,11 @@ Demuxer::Demuxer(const Source& source) : m_Source(source)
     const std::string url = path == "-"                              ? "pipe:0"
                             : std::filesystem::exists(path, ignored) ? "file:" + path
                                                                      : path;
-    AVFormatContext* pContext = avformat_alloc_context();
-    if (pContext == nullptr) {
-        throw std::bad_alloc();
-    }
-    pContext->interrupt_callback.callback = Interrupted;
-    pContext->opaque = &m_Files;
-    Opening::pDefault = pContext->io_open;
-    pContext->io_open = Opening::Open;
+    AVFormatContext* pContext = NotNull(avformat_alloc_context());
+    pContext->interrupt_callback.callback = [](void*) { return IsInterrupted() ? 1 : 0; };
+    std::unique_lock lock(g_Opened.mutex);
+    g_Opened.pOpen = std::exchange(pContext->io_open, Open);
+    lock.unlock();
     Check(avformat_open_input(&pContext, url.c_str(), pFormat, options.At()), kInput, path);
     m_Format.reset(pContext);
     if (!options.First().empty()) {
@@ -169,7 +173,6 @@ Demuxer::Demuxer(const Source& source) : m_Source(source)
         (pContext->start_time > 0 || pContext->start_time < -kPriming)) {
         m_nStart = pContext->start_time;
     }
-    m_Clocks.resize(m_Format->nb_streams);
 }
 
 AVStream* Demuxer::Choose(AVMediaType kind) const
@@ -242,21 +245,15 @@ void Demuxer::SetClock(AVPacket& packet)
 {
     const AVRational base = m_Format->streams[packet.stream_index]->time_base;
     const AVCodecParameters& parameters = *m_Format->streams[packet.stream_index]->codecpar;
-    if (m_Clocks.size() < m_Format->nb_streams) {
-        m_Clocks.resize(m_Format->nb_streams);
-    }
     // Where recordings were joined or cut, the clock jumps, and the file's goes on from where it was.
     if ((m_Format->iformat->flags & AVFMT_TS_DISCONT) != 0 && packet.dts != AV_NOPTS_VALUE) {
-        Clock& clock = m_Clocks[static_cast<std::size_t>(packet.stream_index)];
         const int64_t nTime = av_rescale_q(packet.dts, base, kMicroseconds);
-        const int64_t nLength = av_rescale_q(packet.duration, base, kMicroseconds);
-        const int64_t nJump = clock.nLast != AV_NOPTS_VALUE ? nTime - m_nStart - clock.nExpected : 0;
-        if (std::abs(nJump) > kJump ||
-            (clock.nLast != AV_NOPTS_VALUE && nTime - m_nStart < clock.nLast - kJumpBack)) {
-            m_nStart += nJump;
+        const auto [last, bFirst] = m_Last.try_emplace(packet.stream_index, nTime - m_nStart);
+        const int64_t nJump = nTime - m_nStart - last->second;
+        if (nJump > kJump || nJump < -kJumpBack) {
+            m_nStart += nJump - av_rescale_q(packet.duration, base, kMicroseconds);
         }
-        clock.nLast = nTime - m_nStart;
-        clock.nExpected = clock.nLast + nLength;
+        last->second = nTime - m_nStart;
     }
     int64_t nStart = av_rescale_q(m_nStart, kMicroseconds, base);
     if (parameters.codec_type == AVMEDIA_TYPE_VIDEO && std::string_view(m_Format->iformat->name) == "avi") {
@@ -272,8 +269,8 @@ void Demuxer::SetClock(AVPacket& packet)
 
 Input::Input(const Source& source, AVMediaType kind)
     : m_Source(source), m_Demuxer(source), m_pStream(m_Demuxer.Choose(kind)),
-      m_Packet(Made<PacketPtr>(av_packet_alloc())), m_Files(m_Demuxer.Files()),
-      m_Frames(kind == AVMEDIA_TYPE_AUDIO ? kMostBlocks : kMostPictures)
+      m_Packet(Made<PacketPtr>(av_packet_alloc())),
+      m_Frames(kind == AVMEDIA_TYPE_AUDIO ? kMostBlocks : kMostPictures, true)
 {
     const std::string& path = source.path;
     const char* szKind = kind == AVMEDIA_TYPE_VIDEO ? "pictures" : "sound";
@@ -333,18 +330,20 @@ std::string TurnOf(const AVStream& stream)
     if (pMatrix == nullptr) {
         return {};
     }
-    const double dTurned = -std::round(av_display_rotation_get(pMatrix));
-    const double d = dTurned - 360 * std::floor(dTurned / 360 + 0.9 / 360);
-    if (std::abs(d - 90) < 1) {
-        return pMatrix[3] > 0 ? "transpose=cclock_flip" : "transpose=clock";
+    // Signs of the upper left four of the matrix, by rows.
+    static const std::map<std::string, std::string> turns{{"0+-0", "transpose=clock"},
+                                                          {"0-+0", "transpose=cclock"},
+                                                          {"0++0", "transpose=cclock_flip"},
+                                                          {"0--0", "transpose=clock_flip"},
+                                                          {"-00-", "hflip,vflip"},
+                                                          {"-00+", "hflip"},
+                                                          {"+00-", "vflip"}};
+    std::string signs;
+    for (const int i : {0, 1, 3, 4}) {
+        signs += std::abs(pMatrix[i]) < 0x8000 ? '0' : pMatrix[i] > 0 ? '+' : '-';
     }
-    if (std::abs(d - 180) < 1) {
-        return pMatrix[0] < 0 ? (pMatrix[4] < 0 ? "hflip,vflip" : "hflip") : "vflip";
-    }
-    if (std::abs(d - 270) < 1) {
-        return pMatrix[3] < 0 ? "transpose=clock_flip" : "transpose=cclock";
-    }
-    return std::abs(d) > 1 ? fmt::format("rotate={:.0f}*PI/180", d) : pMatrix[4] < 0 ? "vflip" : "";
+    const auto found = turns.find(signs);
+    return found != turns.end() ? found->second : "";
 }
 
 bool Input::ReadPacket()
@@ -411,7 +410,7 @@ FramePtr Input::Decode()
     }
 }
 
-Length Input::Measure(bool bDecode)
+Length Input::Measure(bool bDecode) const
 {
     MuteLog(true);
     const Finally heard([] { MuteLog(false); });
@@ -421,31 +420,31 @@ Length Input::Measure(bool bDecode)
         again.Start({}, 0, [](const PacketPtr&) { return false; });
         while (const FramePtr frame = again.Next()) {
             length.times.push_back(frame->pts);
-            length.nSamples += frame->nb_samples;
+            length.n += std::max(1, frame->nb_samples);
         }
         return length;
     }
     Demuxer demuxer(m_Source);
     const AVStream& stream = *demuxer.Format().streams[m_pStream->index];
-    while (demuxer.Read(*m_Packet)) {
-        AVPacket& packet = *m_Packet;
+    const PacketPtr read = Made<PacketPtr>(av_packet_alloc());
+    while (demuxer.Read(*read)) {
+        AVPacket& packet = *read;
         if (packet.stream_index != stream.index || (packet.flags & AV_PKT_FLAG_DISCARD) != 0) {
             continue;
         }
         if (m_Form.kind == AVMEDIA_TYPE_VIDEO) {
             length.times.push_back(packet.pts);
+            ++length.n;
             continue;
         }
         const int nRate = stream.codecpar->sample_rate;
         const int64_t nAt = av_rescale_q(packet.pts, stream.time_base, AVRational{1, nRate});
         const int64_t nSamples = SamplesOf(packet, stream);
-        if (packet.pts != AV_NOPTS_VALUE &&
-            std::abs(static_cast<double>(nAt - length.nSamples)) > kGap * nRate) {
-            length.nSamples = std::max(nAt, nAt < 0 ? -nSamples : 0);
+        if (packet.pts != AV_NOPTS_VALUE && std::abs(static_cast<double>(nAt - length.n)) > kGap * nRate) {
+            length.n = std::max(nAt, nAt < 0 ? -nSamples : 0);
         }
-        length.nSamples += nSamples;
+        length.n += nSamples;
     }
-    m_Files = demuxer.Files();
     std::sort(length.times.begin(), length.times.end());
     return length;
 }

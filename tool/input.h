@@ -11,18 +11,16 @@
 #include <functional>
 #include <future>
 #include <limits>
-#include <set>
+#include <map>
 #include <string>
-#include <sys/types.h>
 #include <utility>
 #include <vector>
 
 namespace tool
 {
 
-using FileId = std::pair<dev_t, ino_t>;
-// Of the regular file that this name leads to.
-std::optional<FileId> IdOf(const std::string& path);
+// Whether this name leads to a file that was opened as an input, or as a part of one.
+bool IsInput(const std::string& path);
 
 constexpr double kForever = std::numeric_limits<double>::infinity();
 
@@ -50,21 +48,14 @@ class Demuxer
     double At(const AVPacket& packet) const; // seconds; minus infinity: not known
     // Whether it broke off, or before the length that its header tells.
     bool IsCut() const;
-    const std::set<FileId>& Files() const { return m_Files; }
 
   private:
     void SetClock(AVPacket& packet);
-    struct Clock { // of one stream, in AV_TIME_BASE
-        int64_t nLast = AV_NOPTS_VALUE;
-        int64_t nExpected = AV_NOPTS_VALUE;
-    };
-
     Source m_Source;
-    std::set<FileId> m_Files; // all that were opened on the way
     FormatPtr m_Format;
-    std::vector<Clock> m_Clocks;
-    int64_t m_nStart = 0; // the file's time where our clock is 0, in AV_TIME_BASE
-    int64_t m_nEnd = 0;   // the latest end of a packet
+    std::map<int, int64_t> m_Last; // time of each stream's last packet on our clock, in AV_TIME_BASE
+    int64_t m_nStart = 0;          // the file's time where our clock is 0, in AV_TIME_BASE
+    int64_t m_nEnd = 0;            // the latest end of a packet
     bool m_bEnded = false;
     bool m_bBroken = false;
 };
@@ -81,7 +72,7 @@ struct Form {
 // The whole length of an input.
 struct Length {
     std::vector<int64_t> times; // of its pictures, in the stream's time base
-    int64_t nSamples = 0;
+    int64_t n = 0;              // pictures or samples
 };
 
 // A demuxer, the decoder of one stream, and the thread on which they run.
@@ -99,9 +90,8 @@ class Input
     const AVFrame& First() const { return *m_First; }
     const Form& Gives() const { return m_Form; }
     AVRational Rate() const { return m_Rate; } // of pictures, as far as the file tells
-    // From its packets, or by decoding it all. Also leaves the names of all its files in Files().
-    Length Measure(bool bDecode);
-    const std::set<FileId>& Files() const { return m_Files; }
+    // From its packets, or by decoding it all.
+    Length Measure(bool bDecode) const;
 
     // Starts reading: packets of the streams that are marked go to pass, on the input's thread, until it
     // takes no more.
@@ -134,7 +124,6 @@ class Input
     AVRational m_Rate{25, 1};
     FramePtr m_First;
     Form m_Form;
-    std::set<FileId> m_Files;
     int64_t m_nNext = 0; // for frames without a time
     std::atomic<int> m_nDamaged = 0;
     bool m_bFlushed = false;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <span>
 
 namespace tool
 {
@@ -28,25 +29,20 @@ std::string Relabel(const AVChannelLayout& layout)
     return fmt::format("channelmap=map={}:channel_layout={}", map, LayoutName(layout));
 }
 
-// What stands between the library's input and its label: "" or filters.
+// What stands between the library's input and its label.
 std::string Head(const Options& options, const Input& input)
 {
-    std::string text;
-    const auto add = [&text](const std::string& filter) {
-        text += (text.empty() || filter.empty() ? "" : ",") + filter;
-    };
     const double dLength = options.output.dLength;
-    if (input.Gives().kind == AVMEDIA_TYPE_VIDEO) {
-        // The file's, because filters round to it.
-        const AVRational base = input.Stream().time_base;
-        add(fmt::format("settb={}/{}", base.num, base.den));
-        add(TurnOf(input.Stream()));
-        add(dLength > 0 ? fmt::format("tpad=stop_mode=clone:stop_duration={}", dLength) : "");
-        return text;
+    if (input.Gives().kind == AVMEDIA_TYPE_AUDIO) {
+        const AVChannelLayout& layout = input.Gives().layout;
+        return (IsUsual(layout) ? "anull" : Relabel(layout)) +
+               (dLength > 0 ? fmt::format(",apad=whole_dur={}", dLength) : "");
     }
-    add(IsUsual(input.Gives().layout) ? "" : Relabel(input.Gives().layout));
-    add(dLength > 0 ? fmt::format("apad=whole_dur={}", dLength) : "");
-    return text;
+    // The file's, because filters round to it.
+    const AVRational base = input.Stream().time_base;
+    const std::string turn = TurnOf(input.Stream());
+    return fmt::format("settb={}/{}{}{}", base.num, base.den, turn.empty() ? "" : ",", turn) +
+           (dLength > 0 ? fmt::format(",tpad=stop_mode=clone:stop_duration={}", dLength) : "");
 }
 
 // Bits of its samples in the file; 0: not known.
@@ -60,25 +56,16 @@ int DepthOf(const Input& input)
     return pPixels != nullptr ? pPixels->comp[0].depth : 0;
 }
 
-// The graph that is run: the description with what the tool adds, and the labels of the inputs in it.
-struct Text {
-    std::vector<std::string> labels;
-    std::string text;
-};
-Text TextOf(const Options& options, const Inputs& inputs)
+// The graph that is run: the description with what the tool adds.
+std::string TextOf(const Options& options, const Inputs& inputs)
 {
-    Text text;
-    std::string heads;
+    std::string text;
     for (const auto& input : inputs) {
         const std::string& name = input->Of().name;
-        const std::string head = Head(options, *input);
-        text.labels.push_back(head.empty() ? name : "source@" + name);
-        heads += head.empty() ? "" : fmt::format("[{}]{}[{}];", text.labels.back(), head, name);
+        text += fmt::format("[{}{}]{}[{}];", kSource, name, Head(options, *input), name);
     }
-    text.text = heads + (inputs.size() == 1 && inputs[0]->Of().name == "in"
-                             ? telvane::detail::FromIn(options.description)
-                             : options.description);
-    return text;
+    const bool bOne = inputs.size() == 1 && inputs[0]->Of().name == "in";
+    return text + (bOne ? telvane::detail::FromIn(options.description) : options.description);
 }
 
 // The filters that leave just this.
@@ -99,62 +86,31 @@ std::string Ending(const Outcome& outcome)
     return text;
 }
 
-// The one whose other streams are copied, or null.
-Input* ChooseOthers(const Options& options, const Inputs& inputs, const Output& output)
+// The number of the one whose other streams are copied, or of inputs if there is none.
+std::size_t ChooseOthers(const Options& options, const Inputs& inputs, const Output& output)
 {
-    if (!output.TakesOthers()) {
-        return nullptr;
-    }
-    for (const auto& input : inputs) {
-        const bool bHas = input->File().Format().nb_streams > 1;
-        if (options.output.pass.empty() ? bHas : options.output.pass == input->Of().name) {
-            return input.get();
+    const std::string& pass = options.output.pass;
+    for (std::size_t i = 0; i < inputs.size() && output.TakesOthers(); ++i) {
+        const bool bHas = inputs[i]->File().Format().nb_streams > 1;
+        if (pass.empty() ? bHas : pass == inputs[i]->Of().name) {
+            return i;
         }
     }
-    if (!options.output.pass.empty()) {
-        throw Failure(kUsage, fmt::format("--pass {}: there is no such input", options.output.pass));
+    if (!pass.empty() && output.TakesOthers()) {
+        throw Failure(kUsage, fmt::format("--pass {}: there is no such input", pass));
     }
-    return nullptr;
-}
-
-// The picture's planes, packed into the buffer only where they are not tight already.
-std::array<std::span<const std::byte>, 4> Planes(const AVFrame& frame, std::vector<std::byte>& buffer)
-{
-    const telvane::Picture picture{static_cast<AVPixelFormat>(frame.format), frame.width, frame.height};
-    const telvane::Planes sizes = telvane::PlaneBytes(picture);
-    std::array<std::span<const std::byte>, 4> planes;
-    bool bTight = true;
-    for (std::size_t i = 0; i < planes.size(); ++i) {
-        planes[i] = {reinterpret_cast<const std::byte*>(frame.data[i]), sizes[i]};
-        bTight = bTight &&
-                 (sizes[i] == 0 || frame.linesize[i] == av_image_get_linesize(picture.format, frame.width,
-                                                                              static_cast<int>(i)));
-    }
-    if (!bTight) {
-        buffer.resize(telvane::PictureBytes(picture));
-        const std::byte* pNext = buffer.data();
-        Check(av_image_copy_to_buffer(reinterpret_cast<uint8_t*>(buffer.data()),
-                                      static_cast<int>(buffer.size()), frame.data, frame.linesize,
-                                      picture.format, picture.width, picture.height, 1),
-              kOther, "a picture");
-        for (std::size_t i = 0; i < planes.size(); ++i) {
-            planes[i] = {pNext, sizes[i]};
-            pNext += sizes[i];
-        }
-    }
-    return planes;
+    return inputs.size();
 }
 
 // An input turned out to be of another length than its packets told, or its pictures to stand elsewhere.
 struct Mismeasured {
-    std::size_t nInput;
 };
 
 // An input on its way into the library.
 struct Lane {
     Input* pInput = nullptr;
     std::optional<Length> length; // nothing: not known beforehand
-    AVRational rate{25, 1};       // of pictures
+    AVRational rate{25, 1};       // of pictures or samples
     bool bUneven = false;
     int64_t nSent = 0;            // pictures or samples
     double dNext = 0;             // seconds: when what comes next begins
@@ -163,19 +119,9 @@ struct Lane {
     std::vector<std::byte> bytes; // waiting samples, or a tight picture
 };
 
-// Of pictures or samples; -1: not known.
-int64_t Total(const Lane& lane)
+double SentUntil(const Lane& lane) // seconds, if evenly
 {
-    return !lane.length ? -1
-           : lane.pInput->Gives().kind == AVMEDIA_TYPE_AUDIO
-               ? lane.length->nSamples
-               : static_cast<int64_t>(lane.length->times.size());
-}
-
-double Rate(const Lane& lane)
-{
-    return lane.pInput->Gives().kind == AVMEDIA_TYPE_AUDIO ? lane.pInput->Gives().audio.rate
-                                                           : av_q2d(lane.rate);
+    return static_cast<double>(lane.nSent) / av_q2d(lane.rate);
 }
 
 // Whether the pictures follow each other evenly at this rate from 0 on, as exactly as the file can say.
@@ -196,12 +142,12 @@ Lane Measured(Input& input, bool bDecode)
 {
     Lane lane;
     lane.pInput = &input;
-    lane.rate = input.Rate();
+    const bool bVideo = input.Gives().kind == AVMEDIA_TYPE_VIDEO;
+    lane.rate = bVideo ? input.Rate() : AVRational{input.Gives().audio.rate, 1};
     if (!input.File().IsRepeatable()) {
         return lane;
     }
     lane.length = input.Measure(bDecode);
-    const bool bVideo = input.Gives().kind == AVMEDIA_TYPE_VIDEO;
     if (bVideo && !bDecode &&
         (lane.length->times.empty() || lane.length->times.front() == AV_NOPTS_VALUE)) {
         lane.length = input.Measure(true);
@@ -222,12 +168,11 @@ telvane::VideoStream VideoOf(const Lane& lane)
     telvane::VideoStream stream;
     stream.picture = lane.pInput->Gives().picture;
     stream.rate = {lane.rate.num, lane.rate.den};
-    if (lane.length && lane.bUneven) {
+    if (lane.length) {
         const AVRational base = lane.pInput->Stream().time_base;
-        stream.times = lane.length->times;
+        stream.length = lane.length->n;
+        stream.times = lane.bUneven ? lane.length->times : stream.times;
         stream.timeBase = {base.num, base.den};
-    } else if (lane.length) {
-        stream.length = static_cast<int64_t>(lane.length->times.size());
     }
     stream.colour = {first.color_range, first.color_primaries, first.color_trc, first.colorspace};
     stream.aspect = {first.sample_aspect_ratio.num, std::max(1, first.sample_aspect_ratio.den)};
@@ -239,8 +184,26 @@ telvane::VideoStream VideoOf(const Lane& lane)
 
 void SendPicture(telvane::VideoMixer& mixer, std::size_t nInput, Lane& lane)
 {
-    const auto planes = Planes(*lane.last, lane.bytes);
-    mixer.Send(nInput, planes[0], planes[1], planes[2], planes[3]);
+    const AVFrame& frame = *lane.last;
+    const telvane::Picture picture{static_cast<AVPixelFormat>(frame.format), frame.width, frame.height};
+    const telvane::Planes sizes = telvane::PlaneBytes(picture);
+    std::array<std::span<const std::byte>, 4> planes;
+    bool bTight = true;
+    for (std::size_t i = 0; i < planes.size(); ++i) {
+        const int nRow = av_image_get_linesize(picture.format, frame.width, static_cast<int>(i));
+        planes[i] = {reinterpret_cast<const std::byte*>(frame.data[i]), sizes[i]};
+        bTight = bTight && (sizes[i] == 0 || frame.linesize[i] == nRow);
+    }
+    if (bTight) {
+        mixer.Send(nInput, planes[0], planes[1], planes[2], planes[3]);
+    } else {
+        lane.bytes.resize(mixer.InputBytes(nInput));
+        Check(av_image_copy_to_buffer(reinterpret_cast<uint8_t*>(lane.bytes.data()),
+                                      static_cast<int>(lane.bytes.size()), frame.data, frame.linesize,
+                                      picture.format, picture.width, picture.height, 1),
+              kOther, "a picture");
+        mixer.Send(nInput, lane.bytes);
+    }
     ++lane.nSent;
 }
 
@@ -258,7 +221,7 @@ void SendNext(telvane::VideoMixer& mixer, std::size_t nInput, Lane& lane)
         if (!frame ? n != times.size()
                    : n == times.size() || std::abs(static_cast<double>(frame->pts - times[n])) * dTick >
                                               0.5 / av_q2d(lane.rate)) {
-            throw Mismeasured{nInput};
+            throw Mismeasured{};
         }
     }
     lane.bEnded = !frame;
@@ -275,8 +238,7 @@ void SendNext(telvane::VideoMixer& mixer, std::size_t nInput, Lane& lane)
     if (nAt >= lane.nSent) {
         SendPicture(mixer, nInput, lane);
     }
-    lane.dNext = lane.length && lane.bUneven ? dTime + 1 / av_q2d(lane.rate)
-                                             : static_cast<double>(lane.nSent) / av_q2d(lane.rate);
+    lane.dNext = lane.bUneven ? dTime + 1 / av_q2d(lane.rate) : SentUntil(lane);
 }
 
 void SendNext(telvane::AudioMixer& mixer, std::size_t nInput, Lane& lane)
@@ -300,9 +262,9 @@ void SendNext(telvane::AudioMixer& mixer, std::size_t nInput, Lane& lane)
     if (!lane.length && nSamples > 0) {
         lane.bytes.resize(std::max(nBlock, lane.bytes.size())); // with silence
     }
-    if (lane.length && (nSamples > lane.length->nSamples - lane.nSent ||
-                        (nSamples < audio.samples && nSamples < lane.length->nSamples - lane.nSent))) {
-        throw Mismeasured{nInput};
+    if (lane.length && (nSamples > lane.length->n - lane.nSent ||
+                        (nSamples < audio.samples && nSamples < lane.length->n - lane.nSent))) {
+        throw Mismeasured{};
     }
     lane.bEnded = nSamples == 0;
     if (nSamples > 0) {
@@ -310,22 +272,20 @@ void SendNext(telvane::AudioMixer& mixer, std::size_t nInput, Lane& lane)
         mixer.Send(nInput, std::span(lane.bytes).first(static_cast<std::size_t>(nBytes)));
         lane.bytes.erase(lane.bytes.begin(), lane.bytes.begin() + nBytes);
         lane.nSent += nSamples;
-        lane.dNext = static_cast<double>(lane.nSent) / audio.rate;
+        lane.dNext = SentUntil(lane);
     }
 }
 
-// What follows an input whose end cannot be told: its last picture, or silence. Returns until when.
-double SendMore(telvane::VideoMixer& mixer, std::size_t nInput, Lane& lane)
+// What follows an input whose end cannot be told: its last picture, or silence.
+void SendMore(telvane::VideoMixer& mixer, std::size_t nInput, Lane& lane)
 {
     SendPicture(mixer, nInput, lane);
-    return static_cast<double>(lane.nSent) / Rate(lane);
 }
-double SendMore(telvane::AudioMixer& mixer, std::size_t nInput, Lane& lane)
+void SendMore(telvane::AudioMixer& mixer, std::size_t nInput, Lane& lane)
 {
     lane.bytes.assign(mixer.InputBytes(nInput), std::byte{0});
     mixer.Send(nInput, lane.bytes);
     lane.nSent += lane.pInput->Gives().audio.samples;
-    return static_cast<double>(lane.nSent) / Rate(lane);
 }
 
 void SetForm(const telvane::VideoMixer& mixer, AVFrame& frame, double /*dMost*/)
@@ -359,24 +319,22 @@ class Job
     {
         m_Text = TextOf(m_Options, m_Inputs);
         if (m_Options.output.path.empty() || m_Kind == AVMEDIA_TYPE_AUDIO) {
-            m_Outcome = Preview(m_Inputs, m_Text.labels, m_Text.text);
+            m_Outcome = Preview(m_Inputs, m_Text);
         }
         if (m_Options.output.path.empty()) {
             return Explain(m_Options, m_Inputs, m_Outcome);
         }
         Output output(m_Options.output, m_Kind, *m_Inputs[0]);
-        m_Outcome = Preview(m_Inputs, m_Text.labels, Append(m_Text.text, output.Restriction(m_Outcome)));
+        m_Outcome = Preview(m_Inputs, Append(m_Text, output.Restriction(m_Outcome)));
         m_Outcome.nDepth = DepthOf(*m_Inputs[0]);
-        m_Text.text = Append(m_Text.text, Ending(m_Outcome) + output.MakeEven(m_Outcome.form.picture));
+        m_Text = Append(m_Text, Ending(m_Outcome) + output.MakeEven(m_Outcome.form.picture));
         if (m_Options.bExplain) {
             return Explain(m_Options, m_Inputs, m_Outcome);
         }
         std::vector<Lane> lanes = Measure();
-        std::set<FileId> files;
         double dLongest = 0;
         for (const Lane& lane : lanes) {
             const Input& input = *lane.pInput;
-            files.insert(input.Files().begin(), input.Files().end());
             m_Outcome.bUneven = m_Outcome.bUneven || lane.bUneven;
             dLongest = std::max(dLongest, input.File().Seconds());
             if (!lane.length) {
@@ -385,13 +343,9 @@ class Job
                                             input.Of().path));
             }
         }
-        output.Guard(files);
-        const Input* pOthers = ChooseOthers(m_Options, m_Inputs, output);
-        m_nOthers = static_cast<std::size_t>(
-            std::find_if(m_Inputs.begin(), m_Inputs.end(),
-                         [&](const auto& input) { return input.get() == pOthers; }) -
-            m_Inputs.begin());
-        m_Wanted = output.Open(m_Outcome, pOthers, *m_Inputs[0]);
+        m_nOthers = ChooseOthers(m_Options, m_Inputs, output);
+        m_Wanted = output.Open(m_Outcome, m_nOthers < m_Inputs.size() ? m_Inputs[m_nOthers].get() : nullptr,
+                               *m_Inputs[0]);
         m_Outcome.form.audio.samples = output.BlockSamples();
         const double dToDo = m_Options.output.dLength > 0 ? m_Options.output.dLength : dLongest;
         Progress progress(m_Options.bQuiet, dToDo);
@@ -401,7 +355,7 @@ class Job
         while (!Mixed(lanes)) {
             lanes = Measure();
         }
-        return Finish(m_Options, m_Inputs, output, Describe(m_Inputs, m_Outcome), progress.Elapsed());
+        return Finish(m_Options, m_Inputs, output, Describe(m_Inputs, m_Outcome));
     }
 
   private:
@@ -416,10 +370,15 @@ class Job
     std::vector<Lane> Measure()
     {
         std::vector<Lane> lanes;
-        for (std::size_t i = 0; i < m_Inputs.size(); ++i) {
-            lanes.push_back(Measured(*m_Inputs[i], m_Decoded.count(i) != 0));
+        for (const auto& input : m_Inputs) {
+            lanes.push_back(Measured(*input, m_bDecode));
         }
         return lanes;
+    }
+
+    std::string LabelOf(std::size_t nInput) const
+    {
+        return std::string(kSource) + m_Options.inputs[nInput].name;
     }
 
     // False if it must be done once more from the start, by what decoding gives; what is out already stays.
@@ -430,25 +389,24 @@ class Job
             if (m_Kind == AVMEDIA_TYPE_VIDEO) {
                 std::vector<telvane::VideoInput> inputs;
                 for (std::size_t i = 0; i < lanes.size(); ++i) {
-                    inputs.push_back({m_Text.labels[i], VideoOf(lanes[i])});
+                    inputs.push_back({LabelOf(i), VideoOf(lanes[i])});
                 }
-                telvane::VideoMixer mixer(inputs, m_Text.text, m_Outcome.form.picture);
+                telvane::VideoMixer mixer(inputs, m_Text, m_Outcome.form.picture);
                 Feed(mixer, lanes);
             } else {
                 std::vector<telvane::AudioInput> inputs;
                 for (std::size_t i = 0; i < lanes.size(); ++i) {
-                    inputs.push_back({m_Text.labels[i], m_Inputs[i]->Gives().audio});
+                    inputs.push_back({LabelOf(i), m_Inputs[i]->Gives().audio});
                     if (lanes[i].length) {
-                        inputs.back().stream.length = lanes[i].length->nSamples;
+                        inputs.back().stream.length = lanes[i].length->n;
                     }
                 }
-                telvane::AudioMixer mixer(inputs, m_Text.text, m_Outcome.form.audio);
+                telvane::AudioMixer mixer(inputs, m_Text, m_Outcome.form.audio);
                 Feed(mixer, lanes);
             }
-        } catch (const Mismeasured& wrong) {
-            if (!m_Decoded.insert(wrong.nInput).second) {
-                throw Failure(kInput, fmt::format("{} decodes differently each time",
-                                                  m_Options.inputs[wrong.nInput].path));
+        } catch (const Mismeasured&) {
+            if (std::exchange(m_bDecode, true)) {
+                throw Failure(kInput, "an input decodes differently each time");
             }
             m_nSkip = std::exchange(m_nReceived, 0);
             m_Inputs.clear();
@@ -481,10 +439,7 @@ class Job
         }
         while (!IsInterrupted()) {
             FramePtr frame = NewFrame();
-            frame->buf[0] = av_buffer_pool_get(m_Pool.get());
-            if (frame->buf[0] == nullptr) {
-                throw std::bad_alloc();
-            }
+            frame->buf[0] = NotNull(av_buffer_pool_get(m_Pool.get()));
             frame->data[0] = frame->buf[0]->data;
             const telvane::Received received =
                 mixer.Receive({reinterpret_cast<std::byte*>(frame->data[0]), mixer.OutputBytes()});
@@ -544,7 +499,7 @@ class Job
         }
         for (std::size_t i = 0; i < lanes.size(); ++i) {
             Lane& lane = lanes[i];
-            if (!m_bFull && !lane.bEnded && lane.nSent == Total(lane)) {
+            if (!m_bFull && !lane.bEnded && lane.length && lane.nSent == lane.length->n) {
                 SendNext(mixer, i, lane); // finds the end, or that there is more
             }
             if (!lane.bEnded) {
@@ -560,7 +515,7 @@ class Job
         double dEnd = 0;
         bool bKnown = true;
         for (const Lane& lane : lanes) {
-            dEnd = std::max(dEnd, static_cast<double>(lane.nSent) / Rate(lane));
+            dEnd = std::max(dEnd, SentUntil(lane));
             bKnown = bKnown && lane.length;
         }
         m_dMost = Most(dEnd);
@@ -569,7 +524,8 @@ class Job
         for (double d = 0; !bKnown && d < kPatience && state != telvane::State::kEnd;) {
             for (std::size_t i = 0; i < lanes.size(); ++i) {
                 if (!lanes[i].length) {
-                    d = std::max(d, SendMore(mixer, i, lanes[i]) - dEnd);
+                    SendMore(mixer, i, lanes[i]);
+                    d = std::max(d, SentUntil(lanes[i]) - dEnd);
                     state = Receive(mixer, dEnd);
                 }
             }
@@ -581,11 +537,11 @@ class Job
 
     const Options& m_Options;
     AVMediaType m_Kind;
-    Text m_Text;
+    std::string m_Text;
     Outcome m_Outcome;
     std::size_t m_nOthers = 0; // the input whose other streams are copied
     std::vector<bool> m_Wanted;
-    std::set<std::size_t> m_Decoded; // inputs whose packets did not tell
+    bool m_bDecode = false; // the packets did not tell the inputs' lengths
     Output* m_pOutput = nullptr;
     Progress* m_pProgress = nullptr;
     PoolPtr m_Pool;

@@ -11,58 +11,98 @@ namespace tool
 namespace
 {
 
+std::string RateText(AVRational rate)
+{
+    return rate.den == 1 ? fmt::format("{}", rate.num) : fmt::format("{}/{}", rate.num, rate.den);
+}
+
+const char* OrUnknown(const char* sz)
+{
+    return sz != nullptr ? sz : "unknown";
+}
+
 Json Describe(const Form& form)
 {
     if (form.kind == AVMEDIA_TYPE_VIDEO) {
         return {{"width", form.picture.width},
                 {"height", form.picture.height},
-                {"format", av_get_pix_fmt_name(form.picture.format)}};
+                {"format", OrUnknown(av_get_pix_fmt_name(form.picture.format))}};
     }
     return {{"rate", form.audio.rate},
             {"channels", form.audio.channels},
-            {"format", av_get_sample_fmt_name(form.audio.format)},
+            {"format", OrUnknown(av_get_sample_fmt_name(form.audio.format))},
             {"layout", LayoutName(form.layout)}};
 }
 
-// How the parts of a stream's description are put, in this order.
-constexpr std::pair<const char*, const char*> kWords[] = {
-    {"codec", "{}"},
-    {"format", "{}"},
-    {"layout", "{}"},
-    {"aspect", "pixels of {}"},
-    {"fields", "interlaced, {}"},
-    {"turned", "shown by {}"},
-    {"colour", "{1} {0}"},
-    {"seconds", "{:.8} s"},
-    {"language", "language {}"},
-    {"title", "\"{}\""},
-    {"cover", "cover"},
-};
-
-} // namespace
-
-std::string InWords(const Json& stream)
+// JSON as a reader wants it: "codec h264, width 320 ..."
+std::string InWords(const Json& json)
 {
     std::vector<std::string> words;
-    for (const auto& [szName, szWords] : kWords) {
-        const auto found = stream.find(szName);
-        if (found == stream.end()) {
-            continue;
-        }
-        if (szName == std::string_view("format") && stream.contains("width")) {
-            words.push_back(fmt::format("{}x{}", stream["width"].get<int>(), stream["height"].get<int>()));
-        }
-        for (const auto& [name, value] : found->items()) { // without a name if it is no object
-            const std::string text = value.is_string() ? value.get<std::string>() : value.dump();
-            words.push_back(fmt::format(fmt::runtime(szWords), text, name));
-        }
-    }
-    if (const auto rate = stream.find("rate"); rate != stream.end()) {
-        words.push_back(rate->is_string() ? rate->get<std::string>() + " pictures a second"
-                                          : rate->dump() + " Hz");
+    const Json flat = json.flatten();
+    for (const auto& [path, value] : flat.items()) {
+        words.push_back(path.substr(1) + " " +
+                        (value.is_string() ? value.get<std::string>() : value.dump()));
     }
     return fmt::format("{}", fmt::join(words, ", "));
 }
+
+Json DescribeStream(const Demuxer& file, AVStream& stream)
+{
+    const AVCodecParameters& parameters = *stream.codecpar;
+    Json entry = {{"index", stream.index},
+                  {"kind", OrUnknown(av_get_media_type_string(parameters.codec_type))},
+                  {"codec", avcodec_get_name(parameters.codec_id)}};
+    const AVMediaType kind = parameters.codec_type;
+    if (kind == AVMEDIA_TYPE_VIDEO || kind == AVMEDIA_TYPE_AUDIO) {
+        const telvane::AudioStream audio{static_cast<AVSampleFormat>(parameters.format),
+                                         parameters.sample_rate, parameters.ch_layout.nb_channels, 0};
+        entry.update(
+            Describe({kind,
+                      {static_cast<AVPixelFormat>(parameters.format), parameters.width, parameters.height},
+                      audio,
+                      parameters.ch_layout}));
+        entry["taken"] = file.Choose(kind) == &stream;
+    }
+    if (kind == AVMEDIA_TYPE_VIDEO) {
+        entry["rate"] = RateText(av_guess_frame_rate(&file.Format(), &stream, nullptr));
+        const AVRational aspect = av_guess_sample_aspect_ratio(&file.Format(), &stream, nullptr);
+        if (aspect.num > 0 && av_cmp_q(aspect, {1, 1}) != 0) {
+            entry["aspect"] = fmt::format("{}:{}", aspect.num, aspect.den);
+        }
+        const std::pair<const char*, const char*> colours[] = {
+            {"range", av_color_range_name(parameters.color_range)},
+            {"matrix", av_color_space_name(parameters.color_space)},
+            {"primaries", av_color_primaries_name(parameters.color_primaries)},
+            {"transfer", av_color_transfer_name(parameters.color_trc)}};
+        for (const auto& [szName, szValue] : colours) {
+            if (std::string_view(OrUnknown(szValue)) != "unknown") {
+                entry["colour"][szName] = szValue;
+            }
+        }
+        if (parameters.field_order > AV_FIELD_PROGRESSIVE) {
+            const bool bTop =
+                parameters.field_order == AV_FIELD_TT || parameters.field_order == AV_FIELD_TB;
+            entry["fields"] = bTop ? "top first" : "bottom first";
+        }
+        if (const std::string turn = TurnOf(stream); !turn.empty()) {
+            entry["shown by"] = turn;
+        }
+    }
+    if (stream.duration != AV_NOPTS_VALUE) {
+        entry["seconds"] = static_cast<double>(stream.duration) * av_q2d(stream.time_base);
+    }
+    for (const char* szTag : {"language", "title"}) {
+        if (const AVDictionaryEntry* pTag = av_dict_get(stream.metadata, szTag, nullptr, 0)) {
+            entry[szTag] = pTag->value;
+        }
+    }
+    if ((stream.disposition & AV_DISPOSITION_ATTACHED_PIC) != 0) {
+        entry["cover"] = true;
+    }
+    return entry;
+}
+
+} // namespace
 
 Json Describe(const Inputs& inputs, const Outcome& outcome)
 {
@@ -85,13 +125,13 @@ Exit Explain(const Options& options, const Inputs& inputs, const Outcome& outcom
     json["graph"] = outcome.dump;
     std::string text = outcome.dump;
     for (const Json& input : json["inputs"]) {
-        text += fmt::format("input \"{}\": {}\n", input["name"].get<std::string>(), InWords(input));
+        text += "input: " + InWords(input) + "\n";
     }
     fmt::print("{}\n", options.bJson ? InJson(json) : text + "output: " + InWords(json["output"]));
     return kDone;
 }
 
-Exit Finish(const Options& options, const Inputs& inputs, Output& output, Json json, double dElapsed)
+Exit Finish(const Options& options, const Inputs& inputs, Output& output, Json json)
 {
     const bool bInterrupted = IsInterrupted();
     for (const auto& input : inputs) {
@@ -105,7 +145,6 @@ Exit Finish(const Options& options, const Inputs& inputs, Output& output, Json j
     std::vector<std::string> notes = output.Notes();
     json[bVideo ? "pictures" : "samples"] = output.Count();
     json["seconds"] = output.Seconds();
-    json["speed"] = output.Seconds() / dElapsed;
     json["interrupted"] = bInterrupted;
     for (const auto& input : inputs) {
         if (input->Damaged() > 0) {
@@ -136,14 +175,38 @@ void Tell(const Options& options, const std::string& text)
     }
 }
 
-std::string RateText(AVRational rate)
-{
-    return rate.den == 1 ? fmt::format("{}", rate.num) : fmt::format("{}/{}", rate.num, rate.den);
-}
-
 std::string InJson(const Json& json)
 {
     return json.dump(2, ' ', false, Json::error_handler_t::replace);
+}
+
+Exit RunProbe(const Options& options)
+{
+    const Source& source = options.inputs[0];
+    const Demuxer file(source);
+    const AVFormatContext& format = file.Format();
+    Json json{{"path", source.path}, {"format", format.iformat->name}, {"seconds", file.Seconds()}};
+    const AVDictionaryEntry* pTag = nullptr;
+    while ((pTag = av_dict_get(format.metadata, "", pTag, AV_DICT_IGNORE_SUFFIX)) != nullptr) {
+        json["tags"][pTag->key] = pTag->value;
+    }
+    std::string text = InWords(json);
+    for (unsigned i = 0; i < format.nb_streams; ++i) {
+        const Json entry = DescribeStream(file, *format.streams[i]);
+        text += (entry.value("taken", false) ? "\n* " : "\n  ") + InWords(entry);
+        json["streams"].push_back(entry);
+    }
+    for (unsigned i = 0; i < format.nb_chapters; ++i) {
+        const AVChapter& chapter = *format.chapters[i];
+        const AVDictionaryEntry* pTitle = av_dict_get(chapter.metadata, "title", nullptr, 0);
+        const Json entry{{"start", static_cast<double>(chapter.start) * av_q2d(chapter.time_base)},
+                         {"title", pTitle != nullptr ? pTitle->value : ""}};
+        text += "\n  chapter: " + InWords(entry);
+        json["chapters"].push_back(entry);
+    }
+    text += "\n* is what a command takes unless --stream says otherwise";
+    fmt::print("{}\n", options.bJson ? InJson(json) : text);
+    return kDone;
 }
 
 } // namespace tool

@@ -29,13 +29,10 @@ using Json = nlohmann::ordered_json;
 Json Describe(const Inputs& inputs, const Outcome& outcome);
 Exit Explain(const Options& options, const Inputs& inputs, const Outcome& outcome);
 // Ends the output and tells what has become of it.
-Exit Finish(const Options& options, const Inputs& inputs, Output& output, Json json, double dElapsed);
+Exit Finish(const Options& options, const Inputs& inputs, Output& output, Json json);
 
-std::string RateText(AVRational rate);
 // Names of files need not be UTF-8: what is not is replaced.
 std::string InJson(const Json& json);
-// A stream's JSON as a reader wants it.
-std::string InWords(const Json& stream);
 // A line for the user on standard error.
 void Tell(const Options& options, const std::string& text);
 

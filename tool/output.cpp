@@ -37,7 +37,7 @@ std::string Followed(fs::path path)
 
 bool IsListed(const std::vector<AVPixelFormat>& list, AVPixelFormat format)
 {
-    return std::find(list.begin(), list.end(), format) != list.end();
+    return format != AV_PIX_FMT_NONE && std::find(list.begin(), list.end(), format) != list.end();
 }
 
 // The codec's own list says nothing: planes of 4:2:0, 4:2:2, 4:4:4, 4:1:1 or gray.
@@ -60,14 +60,12 @@ std::string NameOf(const AVStream& stream)
 
 void Output::FormatFreer::operator()(AVFormatContext* p) const
 {
-    if ((p->oformat->flags & AVFMT_NOFILE) == 0 && p->pb != nullptr) {
-        avio_closep(&p->pb);
-    }
+    avio_closep(&p->pb);
     avformat_free_context(p);
 }
 
 Output::Output(const OutputWish& wish, AVMediaType kind, const Input& first)
-    : m_Wish(wish), m_Kind(kind), m_Items(kind == AVMEDIA_TYPE_VIDEO ? kMostPictures : kMostBlocks)
+    : m_Wish(wish), m_Kind(kind), m_Items(kind == AVMEDIA_TYPE_VIDEO ? kMostPictures : kMostBlocks, false)
 {
     const std::string& path = wish.path;
     std::error_code ignored;
@@ -84,12 +82,6 @@ Output::Output(const OutputWish& wish, AVMediaType kind, const Input& first)
     std::array<char, 4096> name{};
     m_bSeries = m_bFiles && av_get_frame_filename(name.data(), name.size(), m_Target.c_str(), 1) == 0;
     m_bSingle = (m_bFiles && !m_bSeries) || (m_bPipe && wish.dAt > 0);
-    if (const std::string pixels = m_Options.Take("pix_fmt"); !pixels.empty()) {
-        m_Pixels = av_get_pix_fmt(pixels.c_str());
-        if (m_Pixels == AV_PIX_FMT_NONE) {
-            throw Failure(kUsage, fmt::format("-pix_fmt {}: no pixel format", pixels));
-        }
-    }
 }
 
 void Output::Choose(const Input& first)
@@ -98,8 +90,7 @@ void Output::Choose(const Input& first)
     const std::string& wished = m_Wish.format;
     // Of lossy formats the decoder's floats hold no more than 16 bits do.
     const AVCodecParameters& from = *first.Stream().codecpar;
-    const AVCodecDescriptor* pDescriptor = avcodec_descriptor_get(from.codec_id);
-    const bool bLossless = pDescriptor != nullptr && (pDescriptor->props & AV_CODEC_PROP_LOSSLESS) != 0;
+    const bool bLossless = (avcodec_descriptor_get(from.codec_id)->props & AV_CODEC_PROP_LOSSLESS) != 0;
     const AVCodecID pcm =
         from.bits_per_raw_sample == 24
             ? AV_CODEC_ID_PCM_S24LE
@@ -127,36 +118,20 @@ void Output::Choose(const Input& first)
     }
     const std::string codec = m_Options.Take("c") + m_Options.Take("codec");
     const AVCodecDescriptor* pNamed = avcodec_descriptor_get_by_name(codec.c_str());
-    m_pEncoder = !codec.empty() ? avcodec_find_encoder_by_name(codec.c_str()) : avcodec_find_encoder(id);
-    if (m_pEncoder == nullptr && pNamed != nullptr) {
-        m_pEncoder = avcodec_find_encoder(pNamed->id);
-    }
-    if (m_pEncoder == nullptr && codec.empty() && id == AV_CODEC_ID_H264) {
-        m_pEncoder = avcodec_find_encoder(AV_CODEC_ID_MPEG4); // FFmpeg without x264
-    }
-    if (codec.empty() && id == AV_CODEC_ID_NONE) {
-        throw Failure(kUsage,
-                      fmt::format("{} files hold no {}", m_pFormat->name, bVideo ? "pictures" : "sound"));
+    m_pEncoder = avcodec_find_encoder_by_name(codec.c_str());
+    if (m_pEncoder == nullptr && (codec.empty() || pNamed != nullptr)) {
+        m_pEncoder = avcodec_find_encoder(pNamed != nullptr ? pNamed->id : id);
     }
     if (m_pEncoder == nullptr || m_pEncoder->type != m_Kind) {
-        throw Failure(
-            codec.empty() ? kOutput : kUsage,
-            fmt::format("this FFmpeg has no encoder for {}", codec.empty() ? avcodec_get_name(id) : codec));
-    }
-}
-
-void Output::Guard(const std::set<FileId>& inputs)
-{
-    m_Inputs = inputs;
-    if (!m_bPipe && !m_bSeries) {
-        MayReplace(m_Target);
+        throw Failure(kUsage,
+                      fmt::format("{} files: this FFmpeg has no encoder {}{}for {}", m_pFormat->name, codec,
+                                  codec.empty() ? "" : " ", bVideo ? "pictures" : "sound"));
     }
 }
 
 void Output::MayReplace(const std::string& target) const
 {
-    const std::optional<FileId> id = IdOf(target);
-    if (id && m_Inputs.count(*id) != 0) {
+    if (IsInput(target)) {
         throw Failure(kOutput, fmt::format("{} is an input too: give the output another name", target));
     }
     std::error_code ignored;
@@ -165,42 +140,35 @@ void Output::MayReplace(const std::string& target) const
     }
 }
 
-std::vector<AVPixelFormat> Output::Pixels() const
-{
-    const std::vector<AVPixelFormat> list =
-        m_Pixels != AV_PIX_FMT_NONE ? std::vector{m_Pixels} : PixelFormats(*m_pEncoder);
-    std::vector<AVPixelFormat> known;
-    for (const telvane::PixelFormat& format : telvane::kPixelFormats) {
-        const bool bAny = list.empty() && (m_pEncoder->id != AV_CODEC_ID_WRAPPED_AVFRAME || IsY4m(format));
-        if (bAny || IsListed(list, format.format) ||
-            IsListed(list, av_pix_fmt_swap_endianness(format.format))) {
-            known.push_back(format.format);
-        }
-    }
-    if (known.empty()) {
-        throw Failure(kUsage,
-                      fmt::format("{} takes no pixel format that can be given here", m_pEncoder->name));
-    }
-    return known;
-}
-
-std::string Output::Restriction(const Outcome& outcome) const
+std::string Output::Restriction(const Outcome& outcome)
 {
     std::vector<std::string> names;
     if (m_Kind == AVMEDIA_TYPE_VIDEO) {
-        for (const AVPixelFormat format : Pixels()) {
-            names.emplace_back(av_get_pix_fmt_name(format));
+        std::vector<AVPixelFormat> list = PixelFormats(*m_pEncoder);
+        if (const std::string wished = m_Options.Take("pix_fmt"); !wished.empty()) {
+            list = {av_get_pix_fmt(wished.c_str())};
+        }
+        const bool bY4m = m_pEncoder->id == AV_CODEC_ID_WRAPPED_AVFRAME;
+        for (const telvane::PixelFormat& format : telvane::kPixelFormats) {
+            if ((list.empty() && (!bY4m || IsY4m(format))) || IsListed(list, format.format) ||
+                IsListed(list, av_pix_fmt_swap_endianness(format.format))) {
+                names.emplace_back(format.name);
+            }
+        }
+        if (names.empty()) {
+            throw Failure(kUsage,
+                          fmt::format("{} takes no pixel format that is wished for and can be given here",
+                                      m_pEncoder->name));
         }
         return fmt::format("format=pix_fmts={}", fmt::join(names, "|"));
     }
-    const std::vector<AVSampleFormat> formats = SampleFormats(*m_pEncoder);
-    for (int n = AV_SAMPLE_FMT_U8; n <= AV_SAMPLE_FMT_DBL; ++n) {
-        const auto format = static_cast<AVSampleFormat>(n);
-        if (formats.empty() || std::any_of(formats.begin(), formats.end(), [&](AVSampleFormat f) {
-                return av_get_packed_sample_fmt(f) == format;
-            })) {
-            names.emplace_back(av_get_sample_fmt_name(format));
-        }
+    std::vector<AVSampleFormat> formats = SampleFormats(*m_pEncoder);
+    if (formats.empty()) {
+        formats = {AV_SAMPLE_FMT_U8, AV_SAMPLE_FMT_S16, AV_SAMPLE_FMT_S32, AV_SAMPLE_FMT_FLT,
+                   AV_SAMPLE_FMT_DBL};
+    }
+    for (const AVSampleFormat format : formats) {
+        names.emplace_back(av_get_sample_fmt_name(av_get_packed_sample_fmt(format)));
     }
     const std::vector<int> rates = SampleRates(*m_pEncoder);
     std::vector<std::string> layouts;
@@ -254,13 +222,13 @@ void Output::SetVideo(const Outcome& outcome)
                       : m_pEncoder->id == AV_CODEC_ID_MPEG4 && outcome.timeBase.den > kMpeg4Den
                           ? AVRational{1, 1000}
                           : outcome.timeBase;
-    codec.sample_aspect_ratio = outcome.aspect;
+    codec.sample_aspect_ratio = outcome.seen->sample_aspect_ratio;
     if ((pixels.flags & AV_PIX_FMT_FLAG_RGB) == 0) {
-        codec.color_range = outcome.colour.range;
-        codec.colorspace = outcome.colour.matrix;
+        codec.color_range = outcome.seen->color_range;
+        codec.colorspace = outcome.seen->colorspace;
     }
-    codec.color_primaries = outcome.colour.primaries;
-    codec.color_trc = outcome.colour.transfer;
+    codec.color_primaries = outcome.seen->color_primaries;
+    codec.color_trc = outcome.seen->color_trc;
     if (std::string_view(m_pEncoder->name) == "libx264") {
         m_Options.Set("preset", "veryfast", AV_DICT_DONT_OVERWRITE);
         if (m_Options.Get("b") == nullptr && m_Options.Get("qp") == nullptr) {
@@ -312,12 +280,6 @@ void Output::SetCommon()
     Check(avcodec_open2(&codec, m_pEncoder, m_Options.At()), kOutput, m_pEncoder->name);
 }
 
-int Output::BlockSamples() const
-{
-    constexpr int kBlock = 4096;
-    return m_Codec->frame_size > 0 ? m_Codec->frame_size : kBlock;
-}
-
 bool Output::AddCopy(const AVStream& from)
 {
     const AVCodecParameters& parameters = *from.codecpar;
@@ -354,10 +316,8 @@ bool Output::AddCopy(const AVStream& from)
         av_dict_set(&to.metadata, "mimetype", bPng ? "image/png" : "image/jpeg", AV_DICT_DONT_OVERWRITE);
         const auto nSize = static_cast<std::size_t>(from.attached_pic.size);
         av_freep(&to.codecpar->extradata);
-        to.codecpar->extradata = static_cast<uint8_t*>(av_mallocz(nSize + AV_INPUT_BUFFER_PADDING_SIZE));
-        if (to.codecpar->extradata == nullptr) {
-            throw std::bad_alloc();
-        }
+        to.codecpar->extradata =
+            static_cast<uint8_t*>(NotNull(av_mallocz(nSize + AV_INPUT_BUFFER_PADDING_SIZE)));
         to.codecpar->extradata_size = from.attached_pic.size;
         std::memcpy(to.codecpar->extradata, from.attached_pic.data, nSize);
     } else if (!bAttach) {
@@ -370,14 +330,11 @@ bool Output::AddCopy(const AVStream& from)
 // With the tags of the one that it stands for.
 AVStream& Output::AddStream(const AVStream& from)
 {
-    AVStream* pStream = avformat_new_stream(m_Format.get(), nullptr);
-    if (pStream == nullptr) {
-        throw std::bad_alloc();
-    }
-    pStream->disposition = from.disposition;
-    av_dict_copy(&pStream->metadata, from.metadata, 0);
-    av_dict_set(&pStream->metadata, "encoder", nullptr, 0);
-    return *pStream;
+    AVStream& stream = *NotNull(avformat_new_stream(m_Format.get(), nullptr));
+    stream.disposition = from.disposition;
+    av_dict_copy(&stream.metadata, from.metadata, 0);
+    av_dict_set(&stream.metadata, "encoder", nullptr, 0);
+    return stream;
 }
 
 void Output::CopyTags(const AVFormatContext& from)
@@ -389,10 +346,7 @@ void Output::CopyTags(const AVFormatContext& from)
     }
     for (unsigned i = 0; i < from.nb_chapters; ++i) {
         const AVChapter& chapter = *from.chapters[i];
-        auto* pCopy = static_cast<AVChapter*>(av_memdup(&chapter, sizeof(AVChapter)));
-        if (pCopy == nullptr) {
-            throw std::bad_alloc();
-        }
+        auto* pCopy = static_cast<AVChapter*>(NotNull(av_memdup(&chapter, sizeof(AVChapter))));
         pCopy->metadata = nullptr;
         av_dict_copy(&pCopy->metadata, chapter.metadata, 0);
         auto nChapters = static_cast<int>(m_Format->nb_chapters);
@@ -404,6 +358,9 @@ void Output::CopyTags(const AVFormatContext& from)
 std::vector<bool> Output::Open(const Outcome& outcome, const Input* pOthers, const Input& about)
 {
     const bool bVideo = m_Kind == AVMEDIA_TYPE_VIDEO;
+    if (!m_bPipe && !m_bSeries) {
+        MayReplace(m_Target);
+    }
     m_Codec = Made<CodecPtr>(avcodec_alloc_context3(m_pEncoder));
     if (bVideo) {
         SetVideo(outcome);
@@ -411,7 +368,6 @@ std::vector<bool> Output::Open(const Outcome& outcome, const Input* pOthers, con
         SetAudio(outcome);
     }
     SetCommon();
-    m_Packet = Made<PacketPtr>(av_packet_alloc());
     std::vector<bool> wanted(pOthers != nullptr ? pOthers->File().Format().nb_streams : 0);
     AVFormatContext* pContext = nullptr;
     Check(avformat_alloc_output_context2(&pContext, m_pFormat, nullptr, nullptr), kOutput, m_Wish.path);
@@ -427,9 +383,9 @@ std::vector<bool> Output::Open(const Outcome& outcome, const Input* pOthers, con
         if (bVideo) {
             m_pStream->avg_frame_rate = m_Codec->framerate;
             m_pStream->sample_aspect_ratio = m_Codec->sample_aspect_ratio;
-            m_pStream->codecpar->field_order = !outcome.bInterlaced ? AV_FIELD_PROGRESSIVE
-                                               : outcome.bTopFirst  ? AV_FIELD_TB
-                                                                    : AV_FIELD_BT;
+            m_pStream->codecpar->field_order = !IsInterlaced(*outcome.seen) ? AV_FIELD_PROGRESSIVE
+                                               : IsTopFirst(*outcome.seen)  ? AV_FIELD_TB
+                                                                            : AV_FIELD_BT;
         }
     };
     if (pOthers != &about) {
@@ -453,7 +409,6 @@ std::vector<bool> Output::Open(const Outcome& outcome, const Input* pOthers, con
         throw Failure(kUsage, fmt::format("-{}: neither {} nor {} has this option", m_Options.First(),
                                           m_pEncoder->name, m_pFormat->name));
     }
-    m_Items.WaitAlsoWhenInterrupted();
     m_Done = std::async(std::launch::async, [this] {
         const Finally ended([this] { m_Items.Abandon(); });
         Run();
@@ -561,9 +516,7 @@ void Output::Run()
     Encode(nullptr);
     if (!m_bFiles) {
         Check(av_write_trailer(m_Format.get()), kOutput, m_Wish.path);
-        if ((m_pFormat->flags & AVFMT_NOFILE) == 0) {
-            Check(avio_closep(&m_Format->pb), kOutput, m_Wish.path);
-        }
+        Check(avio_closep(&m_Format->pb), kOutput, m_Wish.path);
         if (!m_bPipe) {
             Stand(m_Target);
         }
@@ -656,25 +609,25 @@ void Output::WriteSamples(FramePtr frame, double dTime)
 void Output::Encode(const AVFrame* pFrame)
 {
     AVCodecContext& codec = *m_Codec;
+    const PacketPtr packet = Made<PacketPtr>(av_packet_alloc());
     Check(avcodec_send_frame(&codec, pFrame), kOutput, m_pEncoder->name);
     while (true) {
-        const int nReceived = avcodec_receive_packet(&codec, m_Packet.get());
+        const int nReceived = avcodec_receive_packet(&codec, packet.get());
         if (nReceived == AVERROR(EAGAIN) || nReceived == AVERROR_EOF) {
             return;
         }
         Check(nReceived, kOutput, m_pEncoder->name);
         if (m_bFiles) {
-            WriteFile(*m_Packet);
+            WriteFile(*packet);
             continue;
         }
-        if (m_Kind == AVMEDIA_TYPE_VIDEO && m_Packet->duration == 0) {
+        if (m_Kind == AVMEDIA_TYPE_VIDEO && packet->duration == 0) {
             // Else the last picture would have no length.
-            m_Packet->duration =
-                m_bUneven ? av_rescale_q(1, av_inv_q(codec.framerate), codec.time_base) : 1;
+            packet->duration = m_bUneven ? av_rescale_q(1, av_inv_q(codec.framerate), codec.time_base) : 1;
         }
-        av_packet_rescale_ts(m_Packet.get(), codec.time_base, m_pStream->time_base);
-        m_Packet->stream_index = m_pStream->index;
-        Check(av_interleaved_write_frame(m_Format.get(), m_Packet.get()), kOutput, m_Wish.path);
+        av_packet_rescale_ts(packet.get(), codec.time_base, m_pStream->time_base);
+        packet->stream_index = m_pStream->index;
+        Check(av_interleaved_write_frame(m_Format.get(), packet.get()), kOutput, m_Wish.path);
     }
 }
 

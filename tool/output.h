@@ -4,7 +4,6 @@
 #include "graph.h"
 
 #include <map>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -34,10 +33,8 @@ class Output
     Output& operator=(const Output&) = delete;
     ~Output();
 
-    // Throws if the output is one of these files or may not be replaced.
-    void Guard(const std::set<FileId>& inputs);
     // The filter that leaves, of what may come out, the formats that the encoder takes and the layer gives.
-    std::string Restriction(const Outcome& outcome) const;
+    std::string Restriction(const Outcome& outcome);
     // The filters, with a comma in front, that repeat the last column or row for an encoder that has no odd
     // sizes; or "". They change what comes out.
     std::string MakeEven(telvane::Picture& picture);
@@ -48,11 +45,11 @@ class Output
                m_pFormat->video_codec != AV_CODEC_ID_NONE;
     }
 
-    // Writes the head. pOthers: the input whose other streams are copied, or null; about: the one whose
+    // Writes the head; throws if the output is an input or may not be replaced. pOthers: the input whose other streams are copied, or null; about: the one whose
     // stream was filtered, with its tags and chapters. Marks the streams that it wants.
     std::vector<bool> Open(const Outcome& outcome, const Input* pOthers, const Input& about);
     // Samples of a block that suit the encoder.
-    int BlockSamples() const;
+    int BlockSamples() const { return m_Codec->frame_size > 0 ? m_Codec->frame_size : 4096; }
     // What was left out or changed, for the user.
     const std::vector<std::string>& Notes() const { return m_Notes; }
 
@@ -80,7 +77,6 @@ class Output
     };
 
     void Choose(const Input& first);
-    std::vector<AVPixelFormat> Pixels() const;
     void MayReplace(const std::string& target) const;
     void SetVideo(const Outcome& outcome);
     void SetAudio(const Outcome& outcome);
@@ -108,19 +104,16 @@ class Output
     Dictionary m_Options; // that nothing has taken yet
     const AVOutputFormat* m_pFormat = nullptr;
     const AVCodec* m_pEncoder = nullptr;
-    AVPixelFormat m_Pixels = AV_PIX_FMT_NONE; // the one that is wished for
     bool m_bPipe = false;
     bool m_bFiles = false; // each picture in one of its own
     bool m_bSeries = false;
     std::string m_Target; // with symbolic links followed
     std::string m_Part;   // removed unless finished
-    std::set<FileId> m_Inputs;
     std::vector<std::string> m_Notes;
 
     std::unique_ptr<AVFormatContext, FormatFreer> m_Format;
     CodecPtr m_Codec;
     AVStream* m_pStream = nullptr;
-    PacketPtr m_Packet;
     bool m_bSingle = false; // one picture
     bool m_bEven = false;   // constant distances between pictures
     bool m_bUneven = false; // times that are no multiples of a rate

@@ -105,13 +105,12 @@ void OnSignal(int nSignal)
 
 } // namespace
 
-int Check(int n, Exit exit, const std::string& what)
+void Check(int n, Exit exit, const std::string& what)
 {
-    if (n >= 0) {
-        return n;
+    if (n < 0) {
+        std::array<char, AV_ERROR_MAX_STRING_SIZE> text{};
+        throw Failure(exit, fmt::format("{}: {}", what, av_make_error_string(text.data(), text.size(), n)));
     }
-    std::array<char, AV_ERROR_MAX_STRING_SIZE> text{};
-    throw Failure(exit, fmt::format("{}: {}", what, av_make_error_string(text.data(), text.size(), n)));
 }
 
 void CatchLog(bool bVerbose)
@@ -184,17 +183,14 @@ Progress::~Progress()
     }
 }
 
-double Progress::Elapsed() const
-{
-    return std::max(std::chrono::duration<double>(Clock::now() - m_Start).count(), 1e-3);
-}
-
 void Progress::At(double dSeconds)
 {
     if (m_bShown && Clock::now() >= m_Next) {
         m_Next = Clock::now() + std::chrono::milliseconds(200);
         fmt::print(stderr, "\r{:.1f} s{}, {:.1f} times as fast as it plays\x1b[K", dSeconds,
-                   m_dTotal > 0 ? fmt::format(" of {:.1f}", m_dTotal) : "", dSeconds / Elapsed());
+                   m_dTotal > 0 ? fmt::format(" of {:.1f}", m_dTotal) : "",
+                   dSeconds /
+                       std::max(1e-3, std::chrono::duration<double>(Clock::now() - m_Start).count()));
     }
 }
 

@@ -36,8 +36,8 @@ class Failure : public std::runtime_error
     Exit m_Exit;
 };
 
-// "what: FFmpeg's text for the number"; returns n if it is no error.
-int Check(int n, Exit exit, const std::string& what);
+// Throws "what: FFmpeg's text for the number" if it is an error.
+void Check(int n, Exit exit, const std::string& what);
 
 // Does something when it goes out of scope.
 template <class Function>
@@ -77,7 +77,6 @@ class Progress
     Progress& operator=(const Progress&) = delete;
     ~Progress();
     void At(double dSeconds);
-    double Elapsed() const;
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -96,7 +95,7 @@ template <class T>
 class Queue
 {
   public:
-    explicit Queue(std::size_t nMost) : m_nMost(nMost) {}
+    Queue(std::size_t nMost, bool bInterruptible) : m_nMost(nMost), m_bInterruptible(bInterruptible) {}
 
     // False once nobody takes any more.
     bool Put(T value, bool bWait = true)
@@ -129,7 +128,6 @@ class Queue
     }
     void End() { Set(m_bEnded); }         // by the one who puts in
     void Abandon() { Set(m_bAbandoned); } // by the one who takes
-    void WaitAlsoWhenInterrupted() { m_bInterruptible = false; }
 
   private:
     void Set(bool& b)
@@ -148,7 +146,7 @@ class Queue
     std::size_t m_nMost;
     bool m_bEnded = false;
     bool m_bAbandoned = false;
-    bool m_bInterruptible = true;
+    bool m_bInterruptible;
 };
 
 } // namespace tool
