@@ -120,6 +120,17 @@ inline bool IsTopFirst(const AVFrame& frame)
 #endif
 }
 
+// What a source of pictures is told of their colours, which 7.0 began to negotiate.
+inline std::string ColourArguments([[maybe_unused]] const AVFrame& frame)
+{
+#if LIBAVFILTER_VERSION_MAJOR >= 10
+    return ":range=" + std::to_string(frame.color_range) +
+           ":colorspace=" + std::to_string(frame.colorspace);
+#else
+    return {};
+#endif
+}
+
 // What a stream carries besides its packets moved to the codec's parameters in 6.1, which are copied whole.
 inline const int32_t* DisplayMatrix(const AVStream& stream)
 {

@@ -79,7 +79,7 @@ void RefuseOpen(const std::vector<End>& sources, const AVFilterInOut* pInputs,
 } // namespace
 
 End SourceOf(const std::string& label, const Form& form, AVRational base, AVRational rate,
-             AVRational aspect)
+             const AVFrame& first)
 {
     if (form.kind == AVMEDIA_TYPE_AUDIO) {
         return {label, fmt::format("time_base={}/{}:sample_rate={}:sample_fmt={}:channel_layout={}",
@@ -87,9 +87,10 @@ End SourceOf(const std::string& label, const Form& form, AVRational base, AVRati
                                    av_get_sample_fmt_name(form.audio.format), LayoutName(form.layout))};
     }
     return {label,
-            fmt::format("video_size={}x{}:pix_fmt={}:time_base={}/{}:frame_rate={}/{}:pixel_aspect={}/{}",
+            fmt::format("video_size={}x{}:pix_fmt={}:time_base={}/{}:frame_rate={}/{}:pixel_aspect={}/{}{}",
                         form.picture.width, form.picture.height, av_get_pix_fmt_name(form.picture.format),
-                        base.num, base.den, rate.num, rate.den, aspect.num, std::max(1, aspect.den))};
+                        base.num, base.den, rate.num, rate.den, first.sample_aspect_ratio.num,
+                        std::max(1, first.sample_aspect_ratio.den), ColourArguments(first))};
 }
 
 GraphPtr BuildGraph(AVMediaType kind, const std::vector<End>& sources, const std::string& text,
@@ -147,7 +148,7 @@ Outcome Preview(const std::vector<std::unique_ptr<Input>>& inputs, const std::st
         const AVRational base =
             bVideo ? input->Stream().time_base : AVRational{1, input->Gives().audio.rate};
         sources.push_back(SourceOf(std::string(kSource) + input->Of().name, input->Gives(), base,
-                                   input->Rate(), input->First().sample_aspect_ratio));
+                                   input->Rate(), input->First()));
     }
     std::vector<AVFilterContext*> ends;
     const GraphPtr graph = BuildGraph(kind, sources, text, ends);

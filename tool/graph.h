@@ -17,7 +17,7 @@ struct End {
 };
 // aspect: of a pixel; base: of times.
 End SourceOf(const std::string& label, const Form& form, AVRational base, AVRational rate,
-             AVRational aspect);
+             const AVFrame& first);
 
 // Sources, the text, and a sink behind its label "out"; configured. The filters of sources and sink, in
 // this order, go to ends.

@@ -553,8 +553,7 @@ void Input::OpenConverter(const AVFrame& frame)
     m_Converted = FormOf(frame);
     m_Ends.clear();
     m_Converter = BuildGraph(
-        m_Form.kind, {SourceOf("in", m_Converted, m_pStream->time_base, m_Rate, frame.sample_aspect_ratio)},
-        text, m_Ends);
+        m_Form.kind, {SourceOf("in", m_Converted, m_pStream->time_base, m_Rate, frame)}, text, m_Ends);
     if (m_Form.kind == AVMEDIA_TYPE_AUDIO) {
         av_buffersink_set_frame_size(m_Ends[1], static_cast<unsigned>(audio.samples));
     }

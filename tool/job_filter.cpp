@@ -173,6 +173,7 @@ telvane::VideoStream VideoOf(const Lane& lane)
         stream.length = lane.length->n;
         stream.times = lane.bUneven ? lane.length->times : stream.times;
         stream.timeBase = {base.num, base.den};
+        stream.toldRate = {lane.rate.num, lane.rate.den};
     }
     stream.colour = {first.color_range, first.color_primaries, first.color_trc, first.colorspace};
     stream.aspect = {first.sample_aspect_ratio.num, std::max(1, first.sample_aspect_ratio.den)};
@@ -266,7 +267,7 @@ void SendNext(telvane::AudioMixer& mixer, std::size_t nInput, Lane& lane)
                         (nSamples < audio.samples && nSamples < lane.length->n - lane.nSent))) {
         throw Mismeasured{};
     }
-    lane.bEnded = nSamples == 0;
+    lane.bEnded = nSamples == 0 || (!lane.length && !bMore);
     if (nSamples > 0) {
         const auto nBytes = lane.length ? nSamples * nSample : static_cast<int64_t>(nBlock);
         mixer.Send(nInput, std::span(lane.bytes).first(static_cast<std::size_t>(nBytes)));
@@ -349,7 +350,7 @@ class Job
         m_Outcome.form.audio.samples = output.BlockSamples();
         const double dToDo = m_Options.output.dLength > 0 ? m_Options.output.dLength : dLongest;
         Progress progress(m_Options.bQuiet, dToDo);
-        m_dMost = dToDo > 0 ? Most(dToDo) : kForever;
+        m_dSent = dToDo;
         m_pOutput = &output;
         m_pProgress = &progress;
         while (!Mixed(lanes)) {
@@ -420,7 +421,7 @@ class Job
     {
         const int64_t nPassed = m_nPassed.exchange(0); // before, if this is the second time
         const double dLength = m_Options.output.dLength;
-        const double dUntil = dLength > 0 ? dLength : Most(kForever);
+        const double dUntil = dLength > 0 ? dLength : kForever;
         for (std::size_t i = 0; i < m_Inputs.size(); ++i) {
             m_Inputs[i]->Start(i == m_nOthers ? m_Wanted : std::vector<bool>(), dUntil,
                                [this, nPassed](PacketPtr packet) {
@@ -437,7 +438,8 @@ class Job
             m_Pool = Made<PoolPtr>(
                 av_buffer_pool_init(mixer.OutputBytes() + AV_INPUT_BUFFER_PADDING_SIZE, nullptr));
         }
-        while (!IsInterrupted()) {
+        double dFirst = kForever; // of this call, in which nothing new is sent
+        for (int n = 0; !IsInterrupted(); ++n) {
             FramePtr frame = NewFrame();
             frame->buf[0] = NotNull(av_buffer_pool_get(m_Pool.get()));
             frame->data[0] = frame->buf[0]->data;
@@ -455,7 +457,9 @@ class Job
             if (m_bFull || dTime >= dUntil) {
                 return telvane::State::kEnd;
             }
-            if (m_dTime > m_dMost) {
+            dFirst = std::min(dFirst, dTime);
+            const double dMost = 10 * m_dSent + 120;
+            if (dTime - dFirst > dMost || n > 100 * dMost) {
                 throw Failure(kUsage, "the description goes on without end: set one with --length");
             }
         }
@@ -490,6 +494,10 @@ class Job
                 pLane->bEnded = true; // for the description, which takes no more of it
                 pLane->pInput->Stop();
             }
+            m_dSent = std::max(m_dSent, pLane->dNext);
+            if (std::all_of(lanes.begin(), lanes.end(), [](const Lane& lane) { return lane.bEnded; })) {
+                break; // what comes now may have to be cut
+            }
             state = Receive(mixer);
             pFruitful = m_nReceived > nBefore && !pLane->bEnded ? pLane : nullptr;
             m_pProgress->At(pLane->dNext);
@@ -518,7 +526,7 @@ class Job
             dEnd = std::max(dEnd, SentUntil(lane));
             bKnown = bKnown && lane.length;
         }
-        m_dMost = Most(dEnd);
+        m_dSent = dEnd;
         telvane::State state = Receive(mixer, bKnown ? kForever : dEnd);
         constexpr double kPatience = 30; // seconds of media
         for (double d = 0; !bKnown && d < kPatience && state != telvane::State::kEnd;) {
@@ -531,9 +539,6 @@ class Job
             }
         }
     }
-
-    // Nobody wants more of an input of so many seconds.
-    static double Most(double dSeconds) { return 10 * dSeconds + 120; }
 
     const Options& m_Options;
     AVMediaType m_Kind;
@@ -549,7 +554,7 @@ class Job
     int64_t m_nSkip = 0; // of them are out already
     std::atomic<int64_t> m_nPassed = 0;
     double m_dTime = 0; // of the last thing that came out
-    double m_dMost = kForever;
+    double m_dSent = 0; // seconds
     bool m_bFull = false;
     Inputs m_Inputs; // their threads use the others
 };

@@ -48,7 +48,9 @@ struct VideoStream {
     /// up to 2^53. Their number is the length; of one more than length says, the last is the time at which
     /// the stream ends. The rate is then not used.
     std::vector<std::int64_t> times = {};
-    Rational timeBase{1, 1000};       ///< seconds
+    Rational timeBase{1, 1000}; ///< seconds
+    /// The rate that filters are told of such a stream ("decimate" asks for one); 0: none.
+    Rational toldRate{0, 1};
     Colour colour = {};               ///< as the source says it
     Rational aspect{0, 1};            ///< of a pixel, width by height; 0 is unknown
     Fields fields = Fields::kUnknown; ///< as the source says it

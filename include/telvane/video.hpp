@@ -234,7 +234,8 @@ struct Video {
         const Planes planes = PlaneBytes(stream.picture);
         Refuse(planes[0] == 0, kInvalid, "a pixel format that the layer does not know, or no such size");
         Refuse(stream.rate.num < 1 || stream.rate.den < 1 || stream.timeBase.num < 1 ||
-                   stream.timeBase.den < 1 || stream.aspect.num < 0 || stream.aspect.den < 1,
+                   stream.timeBase.den < 1 || stream.toldRate.num < 0 || stream.toldRate.den < 1 ||
+                   stream.aspect.num < 0 || stream.aspect.den < 1,
                kInvalid, "no such rate, time base or aspect ratio");
         Refuse(stream.length && *stream.length < 0, kInvalid, "a length below 0");
         if (stream.times.empty()) {
@@ -311,7 +312,10 @@ struct Video {
         return static_cast<double>(nTime) * base.num / base.den;
     }
     // The picture that fps holds back, and the one that trim does not let pass.
-    static int ToEnd(const VideoStream& stream) { return stream.times.empty() ? 2 : 1; }
+    static int ToEnd(const VideoStream& stream) noexcept
+    {
+        return stream.times.empty() || stream.toldRate.num > 0 ? 2 : 1;
+    }
     static std::string TimeBase(Rational base) { return ",settb=" + Text(base.num) + "/" + Text(base.den); }
     static std::string Head(const VideoStream& stream, const std::string& label)
     {
@@ -321,6 +325,11 @@ struct Video {
             const std::size_t n = times.size();
             if (static_cast<std::int64_t>(n) == Length(stream)) { // it ends one more step later
                 times.push_back(times[n - 1] + (n > 1 ? times[n - 1] - times[n - 2] : 1));
+            }
+            if (stream.toldRate.num > 0 &&
+                stream.length != 0) { // the one filter that tells others a rate wants even times
+                text += TimeBase({stream.toldRate.den, stream.toldRate.num}) +
+                        ",setpts=N,fps=" + Text(stream.toldRate.num) + "/" + Text(stream.toldRate.den);
             }
             text += TimeBase(stream.timeBase) + ",setpts='" + TimesExpression(times).Get() + "'";
         } else if (stream.rate.den != 1) {

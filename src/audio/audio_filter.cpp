@@ -106,7 +106,7 @@ bool CAVFilter_Audio::AVFilter_Audio_Cvt(unsigned long long hHandle, unsigned ch
     if (!GetBlock(*pSt_In, pRecord->vec_AudioInfo.front().st_AudioInfo)) {
         return FailWithoutFlag(AVFILTER_ERROR_AUDIO_FRAME_BUFFER);
     }
-    if (av_buffersrc_add_frame(pRecord->pSt_BufferSrcCtx, pSt_In) < 0) {
+    if (!common::SendFrame(pRecord->pSt_BufferSrcCtx, pSt_In)) {
         av_frame_unref(pSt_In);
         return Fail(AVFILTER_ERROR_AUDIO_SEND_FRAME);
     }

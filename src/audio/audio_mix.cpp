@@ -80,8 +80,7 @@ bool CAVFilter_Audio::AVFilter_Audio_MIXSend(unsigned long long hHandle, int nIn
     std::memcpy(frame->data[0], pData, static_cast<std::size_t>(nDataSize));
 
     // The only element of a single-stream handle has no source of its own.
-    if (pInput->pSt_BufferSrcCtx == nullptr ||
-        av_buffersrc_add_frame(pInput->pSt_BufferSrcCtx, frame.get()) < 0) {
+    if (pInput->pSt_BufferSrcCtx == nullptr || !common::SendFrame(pInput->pSt_BufferSrcCtx, frame.get())) {
         return Fail(AVFILTER_ERROR_AUDIO_SEND_FRAME);
     }
     return true;

@@ -47,6 +47,17 @@ inline bool CopiesHalfRows([[maybe_unused]] AVPixelFormat one, [[maybe_unused]] 
     return false;
 }
 
+// Whether the graph has taken the frame: a reference-counted one is empty then. A frame that nobody behind the
+// source wants any longer is dropped: FFmpeg 9 leaves that to its caller, earlier versions never answer so.
+inline bool SendFrame(AVFilterContext* pSt_Source, AVFrame* pSt_Frame)
+{
+    const int nResult = av_buffersrc_add_frame(pSt_Source, pSt_Frame);
+    if (nResult == AVERROR_EOF && pSt_Frame->buf[0] != nullptr) {
+        av_frame_unref(pSt_Frame);
+    }
+    return nResult >= 0 || nResult == AVERROR_EOF;
+}
+
 struct FreeFrame {
     void operator()(AVFrame* pSt_Frame) const { av_frame_free(&pSt_Frame); }
 };

@@ -125,6 +125,12 @@ int PackPicture(const AVFrame& st_Frame, unsigned char* pOut)
             return -1;
         }
     }
+    // A buffer may be longer than its plane: FFmpeg 9's are.
+    const AVPixFmtDescriptor* pSt_Format = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(st_Frame.format));
+    if (pSt_Format != nullptr && !IsEmpty(planes[1]) &&
+        nChromaRows > AV_CEIL_RSHIFT(st_Frame.height, pSt_Format->log2_chroma_h)) {
+        return -1;
+    }
     unsigned char* pEnd = pOut;
     for (const PlaneView& plane : planes) {
         pEnd = PackPlane(plane, pEnd);

@@ -117,7 +117,7 @@ bool CAVFilter_Video::AVFilter_Video_Cvt(unsigned long long hHandle, unsigned ch
     }
     // The frame has no reference-counted buffers, so the source takes a copy and leaves it as it is.
     if (!video::IsSendable(*pRecord->pSt_InFrame) ||
-        av_buffersrc_add_frame(pRecord->pSt_BufferSrcCtx, pRecord->pSt_InFrame) < 0) {
+        !common::SendFrame(pRecord->pSt_BufferSrcCtx, pRecord->pSt_InFrame)) {
         return Fail(AVFILTER_ERROR_VIDEO_SEND_FRAME);
     }
     AVFrame* pSt_Out = pRecord->pSt_OutFrame;

@@ -90,7 +90,7 @@ bool CAVFilter_Video::AVFilter_Video_MIXSend(unsigned long long hHandle, int nIn
         }
     }
     frame->pts = pInput->n_Pts;
-    if (!video::IsSendable(*frame) || av_buffersrc_add_frame(pInput->pSt_BufferSrcCtx, frame.get()) < 0) {
+    if (!video::IsSendable(*frame) || !common::SendFrame(pInput->pSt_BufferSrcCtx, frame.get())) {
         return Fail(AVFILTER_ERROR_VIDEO_SEND_FRAME);
     }
     pInput->n_Pts = static_cast<int>(static_cast<unsigned>(pInput->n_Pts) + 1U);

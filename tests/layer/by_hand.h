@@ -42,7 +42,11 @@ inline std::string SourceOf(const telvane::VideoInput& input)
     return "buffer@" + input.name + "=video_size=" + std::to_string(s.picture.width) + "x" +
            std::to_string(s.picture.height) + ":pix_fmt=" + std::to_string(s.picture.format) +
            ":time_base=" + Text(bEven ? telvane::Rational{s.rate.den, s.rate.num} : s.timeBase) +
-           (bEven ? ":frame_rate=" + Text(s.rate) : "") + ":pixel_aspect=" + Text(s.aspect);
+           ":frame_rate=" + Text(bEven ? s.rate : s.toldRate) +
+#if LIBAVFILTER_VERSION_MAJOR >= 10 // which negotiates colours
+           ":range=" + std::to_string(s.colour.range) + ":colorspace=" + std::to_string(s.colour.matrix) +
+#endif
+           ":pixel_aspect=" + Text(s.aspect);
 }
 // What is said of the nth picture of an input; the source copies its bytes. Gives the time of the stream's end.
 inline std::int64_t Describe(AVFrame& frame, const telvane::VideoStream& s, test::Bytes& bytes,

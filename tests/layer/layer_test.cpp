@@ -195,7 +195,8 @@ TEST(Layer, PicturesComeInNumberAndTimeAsFFmpegGivesThem)
     const VideoStream even{picture, {30000, 1001}};
     const VideoStream uneven{.picture = picture,
                              .times = {0, 20, 40, 41, 500, 520, 1000, 1040, 1080, 1120, 1160}};
-    const VideoStream film{.picture = picture, .times = {0, 1, 3, 4}, .timeBase = {1001, 24000}};
+    const VideoStream film{
+        .picture = picture, .times = {0, 1, 3, 4}, .timeBase = {1001, 24000}, .toldRate = {24000, 1001}};
     const struct {
         const char* szDescription;
         VideoStream stream;
@@ -218,6 +219,7 @@ TEST(Layer, PicturesComeInNumberAndTimeAsFFmpegGivesThem)
         {"[a][b]concat[out]", even, {3, 4}},
         {"[a][b]xfade=duration=0.1:offset=0.1[out]", even, {7, 8}},
         {"[a][b]interleave[out]", even, {3, 4}},
+        {"[a]setpts=PTS+N/FRAME_RATE/TB[out]", film, {4}},
         {"[a]setpts=PTS+1,drawbox=t=fill:enable=gt(t\\,0.1)[out]", film, {3}},
         {"[a]metadata=mode=add:key=telvane:value='a\nb'[out]", even, {3}},
     };

@@ -48,7 +48,7 @@ rm -r packages
 # with a voice that ends earlier; and a green screen.
 ffmpeg -i train.jpg -vf crop=1280:852,scale=451:300,format=rgb24 train.png
 ffmpeg -i dogs.jpg -vf crop=1024:691,scale=741:500,format=rgb24 dogs.png
-ffmpeg -ss 0.2 -i dog.mp4 -vf fps=30,crop=1440:1080,scale=320:240 -frames:v 36 -t 1.2 -c:v libx264 -crf 18 -c:a aac \
+ffmpeg -ss 0.2 -i dog.mp4 -vf setpts=PTS-STARTPTS,fps=30,crop=1440:1080,scale=320:240 -frames:v 36 -t 1.2 -c:v libx264 -crf 18 -c:a aac \
     -ac 1 clip.mp4
 ffmpeg -i speaker.mp4 -i Front_Left.wav -t 2 -vf fps=20,crop=252:142:114:100,scale=320:180 -map 0:v -map 1:a \
     -c:v libx264 -crf 12 -pix_fmt yuv444p -c:a aac cam.mp4
