@@ -5,6 +5,7 @@ extern "C" {
 }
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <array>
