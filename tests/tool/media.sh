@@ -27,14 +27,11 @@ take() {
 samples=usr/share/forensics-samples/original-files
 sounds=usr/share/sounds/alsa
 # A dog, by a phone: 41 pictures of 1920x1080 at a variable rate, BT.709, with stereo sound. A speaker beside
-# his terminal: 8 s of 1280x720, and of 1024x576 in AVI. Photographs are JPEG of full range, 4:2:0 and 4:4:4.
+# his terminal: 8 s of 1280x720. Photographs are JPEG of full range, 4:2:0 and 4:4:4.
 take dog.mp4 $samples/movie1/VID_20191220_170832.mp4 -f lavfi -i testsrc2=s=1920x1080 -f lavfi -i anoisesrc=a=0.1 \
     -t 1.52 -vf "setpts=PTS+gt(N\,0)*0.15/TB" -fps_mode vfr -ac 2 -pix_fmt yuv420p -colorspace bt709 -color_range tv
-for suffix in mp4:1280x720:30 avi:1024x576:25; do
-    IFS=: read -r suffix size rate <<<"$suffix"
-    take "speaker.$suffix" "$samples/movie2/movie-hello.$suffix" -f lavfi -i "mandelbrot=s=$size:r=$rate" \
-        -f lavfi -i anoisesrc=a=0.1 -t 8.3 -c:v libx264 -c:a aac -ac 2 -pix_fmt yuv420p
-done
+take speaker.mp4 $samples/movie2/movie-hello.mp4 -f lavfi -i "mandelbrot=s=1280x720:r=30" \
+    -f lavfi -i anoisesrc=a=0.1 -t 8.3 -c:v libx264 -c:a aac -ac 2 -pix_fmt yuv420p
 take dogs.jpg $samples/pic1/IMG-20191006-WA0002.jpg -f lavfi -i "mandelbrot=s=1024x768,gblur=2" -frames:v 1 -pix_fmt yuvj420p
 take train.jpg $samples/pic1/IMG_1054.JPG -f lavfi -i "mandelbrot=s=1280x960,gblur=2" -frames:v 1 -pix_fmt yuvj444p
 take logo.png $samples/pic2/d-debian.png -f lavfi -i "testsrc2=s=800x600:alpha=0" -frames:v 1 -pix_fmt rgba
@@ -47,7 +44,6 @@ rm -r packages
 # Small ones: odd sizes in RGB; the dog, 36 pictures of 4:3; the speaker, two seconds of 4:4:4 at 20 a second
 # with a voice that ends earlier; and a green screen.
 ffmpeg -i train.jpg -vf crop=1280:852,scale=451:300,format=rgb24 train.png
-ffmpeg -i dogs.jpg -vf crop=1024:691,scale=741:500,format=rgb24 dogs.png
 ffmpeg -ss 0.2 -i dog.mp4 -vf setpts=PTS-STARTPTS,fps=30,crop=1440:1080,scale=320:240 -frames:v 36 -t 1.2 -c:v libx264 -crf 18 -c:a aac \
     -ac 1 clip.mp4
 ffmpeg -i speaker.mp4 -i Front_Left.wav -t 2 -vf fps=20,crop=252:142:114:100,scale=320:180 -map 0:v -map 1:a \
