@@ -573,8 +573,8 @@ TELVANE_AVFILTER_API bool AVFilter_VideoScale_Set(unsigned long long hHandle, in
  *   copied in before anything is written.
  * pnOutLen: in: the capacity of pOut. Out: the size of the destination picture, on success and when the
  *   capacity is too small.
- * The result is the picture that FFmpeg's scaler makes into padded, aligned rows, at every size; equal
- * format and size on both sides give the source's bytes. FFmpeg's scaler does not always make the same
+ * The result is the picture that FFmpeg's scaler makes into padded, aligned rows, at every size. Between
+ * equal formats and sizes the picture is copied as it is, bits that the format does not use included. FFmpeg's scaler does not always make the same
  * picture of the same source: rgb8, bgr8, rgb4_byte and bgr4_byte destinations carry their dither from
  * picture to picture, and the last samples of xyz12 and some 32-bit RGB sources of odd width can differ.
  *
