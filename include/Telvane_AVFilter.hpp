@@ -19,8 +19,8 @@
  *   for the rate of the pictures (xfade, telecine, decimate) find it in streams of known length and constant
  *   rate only.
  * Known lengths. Such a stream of constant rate reaches the description one picture late, as a filter that
- *   tells the rate holds it back; framepack=frameseq, which forgets a picture whose partner comes after the
- *   end of its stream, can lose the last pair.
+ *   tells the rate holds it back. The end of an input comes once the other inputs have been sent as far, in
+ *   time. tpad=start alone makes pictures of a stream of none, which the ffmpeg command does not.
  * Errors are thrown as Error, whose code() is an AVFILTER_ERROR_* value and whose what() explains it. The
  *   layer's own refusals are INVALID_PARAM, empty objects and unknown inputs NOT_FOUND: the object is then
  *   as it was before the call. After other failures it stays usable. Memory may also run out as
@@ -32,7 +32,7 @@
  *   each, which stays below some kilobytes (RLIMIT_FSIZE). One made before a fork is refused in the child.
  * Where FFmpeg's own pixels depend on what lies in memory: a scale whose size changes back to an earlier one
  *   (eval=frame, seen with 5.1); from rgb formats of odd width to subsampled chroma, the last column's chroma, as
- *   the scaler reads a pixel beyond the row.
+ *   the scaler reads a pixel beyond the row; of sound vibrato and the end of axcorrelate.
  * Threads, for every class: different objects work in parallel; the calls on one object must be put in
  *   order by the caller. Creating and destroying wait for the calls of the same family that are running.
  */

@@ -105,12 +105,6 @@ constexpr const PixelFormat* FindFormat(AVPixelFormat format) noexcept
     return nullptr;
 }
 
-/// Of a picture.
-struct Size {
-    int width = 0;  ///< pixels
-    int height = 0; ///< pixels
-};
-
 /// A tight picture: plane after plane, rows without padding, each plane as many rows and columns of whole
 /// groups as it takes to hold all pixels.
 struct Picture {

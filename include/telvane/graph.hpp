@@ -129,13 +129,23 @@ inline void CheckDescription(const std::string& text, bool bCanEnd, int nInvalid
     }
 }
 
-// The last output of a description without a label is [out].
-inline std::string ToOut(const std::string& text)
+// What follows must not be swallowed by a quote that the text leaves open, or by a backslash at its end. The
+// last output without a label is [out].
+inline std::string ToOut(std::string text)
 {
-    const std::size_t nLast = text.find_last_not_of(" \n\t\r");
+    bool bQuoted = false;
+    bool bEscaped = false;
+    for (const char c : text) {
+        bQuoted = bQuoted != (c == '\'' && !bEscaped);
+        bEscaped = c == '\\' && !bQuoted && !bEscaped;
+    }
+    text += bQuoted ? "'" : bEscaped ? "\\" : "";
+    text.resize(text.find_last_not_of(" \n\t\r") + 1);
+    if (text.ends_with(';')) {
+        text.pop_back();
+    }
     // A text may also end in a filter without output, behind a chain that leads to [out].
-    const bool bLabelled =
-        nLast == std::string::npos || text[nLast] == ']' || text.find("[out]") != std::string::npos;
+    const bool bLabelled = text.ends_with(']') || (!bQuoted && text.find("[out]") != std::string::npos);
     return bLabelled ? text : text + "[out]";
 }
 
@@ -211,7 +221,7 @@ class Graph
         Refuse(times == Times::kGiven && !m_Clock.IsOpen(), Kind::kNoMemory,
                "no file descriptor for the times (memfd_create)");
         bool bCanEnd = false;
-        std::string whole = "[out]" + m_Tail.Filters(m_Clock) + "[" + kSinkLabel + "];";
+        std::string whole;
         std::vector<typename Kind::Info> infos(inputs.size());
         std::vector<typename Kind::Info*> pointers(inputs.size());
         std::string labels;
@@ -237,8 +247,9 @@ class Graph
             m_Inputs.push_back({stream, nLength.value_or(kEndless), Kind::ToEnd(stream)});
         }
         CheckDescription(description, bCanEnd, Kind::kInvalid);
-        // The layer's part stands in front, where no quote that the text leaves open can swallow it.
-        whole += ToOut(inputs.size() == 1 && inputs[0].name == "in" ? FromIn(description) : description);
+        // The layer's end stands behind: where FFmpeg puts conversions depends on the order.
+        whole += ToOut(inputs.size() == 1 && inputs[0].name == "in" ? FromIn(description) : description) +
+                 ";[out]" + m_Tail.Filters(m_Clock) + "[" + kSinkLabel + "]";
         unsigned long long hHandle = 0;
         typename Kind::Info** ppInfo = pointers.data();
         Check(Kind::kCreate(&hHandle, &ppInfo, static_cast<int>(infos.size()), kSinkLabel, whole.c_str()),

@@ -361,6 +361,9 @@ struct Video {
         if (stream.aspect.num != 0) {
             text += ",setsar=" + Text(stream.aspect.num) + "/" + Text(stream.aspect.den);
         }
+        if (!text.empty()) { // histogram and its like want to see one format right in front of them
+            text += std::string(",format=") + FindFormat(stream.picture.format)->name;
+        }
         return text[0] == ',' ? text.substr(1) : text;
     }
     static void SendAnything(unsigned long long hHandle, std::size_t nInput)

@@ -81,9 +81,9 @@ inline Items ByHand(const std::vector<telvane::VideoInput>& inputs, std::vector<
 {
     const std::unique_ptr<AVFilterGraph, Free> graph(avfilter_graph_alloc());
     graph->nb_threads = 1;
-    std::string text = "[out]scale=" + std::to_string(out.width) + ":" + std::to_string(out.height) +
-                       ",format=" + telvane::FindFormat(out.format)->name + ",buffersink@end;" +
-                       description;
+    std::string text = description + ";[out]scale=" + std::to_string(out.width) + ":" +
+                       std::to_string(out.height) + ",format=" + telvane::FindFormat(out.format)->name +
+                       ",buffersink@end";
     for (const telvane::VideoInput& input : inputs) {
         text.insert(0, SourceOf(input) + "[" + input.name + "];");
     }

@@ -71,7 +71,7 @@ TEST(Layer, OutputsStayInTheBufferWhateverTheDescription)
                                 {"[in]split[a][b];[a][b]vstack,format=yuv444p [out] \n", 8},
                                 {"fps=50", 14}, // the last one waits for its successor
                                 {"select=mod(n\\,2)", 4},
-                                {"[in]null[out];[out]scale=300:300[out]", kByFFmpeg},
+                                {"[in]null[out];[out]scale=300:300[out];", 8},
                                 {"[in]nullsink;testsrc2=s=640x480[out]", 64},
                                 {"[in]split[a][b];[a]scale=64:64[out];[b]nullsink", 8},
                                 {"[in]metadata=mode=add:key=k:value='v[out]",
@@ -145,15 +145,16 @@ TEST(Layer, EveryFormatIsGivenAsFFmpegGivesIt)
         SCOPED_TRACE(format.name);
         const bool bGroups =
             format.planes.size() == 4 && format.shiftX == 1; // odd ones have a loose sample
-        for (const Size size : {Size{1, 1}, Size{33, 15}, Size{64, 48}, Size{351, 287}}) {
-            const Picture picture{format.format, bGroups ? (size.width + 1) & ~1 : size.width, size.height};
+        for (const auto& [nWidth, nHeight] :
+             {std::pair{1, 1}, std::pair{33, 15}, std::pair{64, 48}, std::pair{351, 287}}) {
+            const Picture picture{format.format, bGroups ? (nWidth + 1) & ~1 : nWidth, nHeight};
             int nLinesize[4] = {};
             Planes wanted{};
-            av_image_fill_linesizes(nLinesize, format.format, size.width);
+            av_image_fill_linesizes(nLinesize, format.format, nWidth);
             const std::ptrdiff_t nWide[4] = {nLinesize[0], nLinesize[1], nLinesize[2], nLinesize[3]};
-            ASSERT_GE(av_image_fill_plane_sizes(wanted.data(), format.format, size.height, nWide), 0);
-            EXPECT_EQ(PlaneBytes({format.format, size.width, size.height}), wanted);
-            if (size.width == 351 && format.bits > 8 && format.bits != 10) {
+            ASSERT_GE(av_image_fill_plane_sizes(wanted.data(), format.format, nHeight, nWide), 0);
+            EXPECT_EQ(PlaneBytes({format.format, nWidth, nHeight}), wanted);
+            if (nWidth == 351 && format.bits > 8 && format.bits != 10) {
                 continue; // the small sizes do for those
             }
             ExpectAsFFmpeg("[a]null[out]", {picture}, picture, {2});
@@ -220,6 +221,8 @@ TEST(Layer, PicturesComeInNumberAndTimeAsFFmpegGivesThem)
         {"[a][b]xfade=duration=0.1:offset=0.1[out]", even, {7, 8}},
         {"[a][b]interleave[out]", even, {3, 4}},
         {"[a]setpts=PTS+N/FRAME_RATE/TB[out]", film, {4}},
+        {"[a][b]framepack=frameseq[out]", even, {4, 4}},
+        {"[a]histogram[out]", {{AV_PIX_FMT_RGB24, 16, 8}}, {2}},
         {"[a]setpts=PTS+1,drawbox=t=fill:enable=gt(t\\,0.1)[out]", film, {3}},
         {"[a]metadata=mode=add:key=telvane:value='a\nb'[out]", even, {3}},
     };
