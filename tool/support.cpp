@@ -187,10 +187,11 @@ void Progress::At(double dSeconds)
 {
     if (m_bShown && Clock::now() >= m_Next) {
         m_Next = Clock::now() + std::chrono::milliseconds(200);
-        fmt::print(stderr, "\r{:.1f} s{}, {:.1f} times as fast as it plays\x1b[K", dSeconds,
-                   m_dTotal > 0 ? fmt::format(" of {:.1f}", m_dTotal) : "",
-                   dSeconds /
-                       std::max(1e-3, std::chrono::duration<double>(Clock::now() - m_Start).count()));
+        const std::chrono::duration<double> elapsed = Clock::now() - m_Start;
+        const double dSpeed = std::max(dSeconds, 1e-3) / std::max(elapsed.count(), 1e-3);
+        fmt::print(stderr, "\r{:.1f} s, {:.1f} times as fast as it plays{}\x1b[K", dSeconds, dSpeed,
+                   m_dTotal > dSeconds ? fmt::format(", {:.0f} s left", (m_dTotal - dSeconds) / dSpeed)
+                                       : "");
     }
 }
 

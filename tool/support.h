@@ -87,10 +87,10 @@ class Progress
 };
 
 // Pictures are large, and blocks so small that waking the other thread for each costs more than they do.
-constexpr std::size_t kMostPictures = 4;
-constexpr std::size_t kMostBlocks = 256;
+constexpr std::size_t kMostPictures = 2;
+constexpr std::size_t kMostBlocks = 128;
 
-// From one thread to another; what is put in when nMost wait already waits itself.
+// From one thread to another, in batches; what is put in when nMost wait already waits itself.
 template <class T>
 class Queue
 {
@@ -105,31 +105,38 @@ class Queue
         if (!m_bAbandoned) {
             m_Values.push_back(std::move(value));
         }
-        m_Changed.notify_all();
+        if (IsReady()) {
+            m_Changed.notify_all();
+        }
         return !m_bAbandoned;
     }
     // Nothing once it is empty and nobody puts in any more, or when the program is interrupted.
     std::optional<T> Take()
     {
-        std::unique_lock lock(m_Mutex);
-        const auto ready = [&] { return m_bEnded || !m_Values.empty(); };
-        while (!m_Changed.wait_for(lock, std::chrono::milliseconds(100), ready)) {
-            if (IsInterrupted() && m_bInterruptible) {
-                return std::nullopt;
+        if (m_Taken.empty()) {
+            std::unique_lock lock(m_Mutex);
+            // What is slow to come is taken in smaller batches.
+            while (!m_Changed.wait_for(lock, std::chrono::milliseconds(50), [&] { return IsReady(); }) &&
+                   m_Values.empty()) {
+                if (IsInterrupted() && m_bInterruptible) {
+                    return std::nullopt;
+                }
             }
+            m_Taken.swap(m_Values);
+            m_Changed.notify_all();
         }
-        if (m_Values.empty()) {
+        if (m_Taken.empty()) {
             return std::nullopt;
         }
-        std::optional<T> value(std::move(m_Values.front()));
-        m_Values.pop_front();
-        m_Changed.notify_all();
+        std::optional<T> value(std::move(m_Taken.front()));
+        m_Taken.pop_front();
         return value;
     }
     void End() { Set(m_bEnded); }         // by the one who puts in
     void Abandon() { Set(m_bAbandoned); } // by the one who takes
 
   private:
+    bool IsReady() const { return m_bEnded || m_Values.size() >= m_nMost / 2; }
     void Set(bool& b)
     {
         const std::scoped_lock lock(m_Mutex);
@@ -143,6 +150,7 @@ class Queue
     std::mutex m_Mutex;
     std::condition_variable m_Changed;
     std::deque<T> m_Values;
+    std::deque<T> m_Taken; // belongs to the one who takes
     std::size_t m_nMost;
     bool m_bEnded = false;
     bool m_bAbandoned = false;

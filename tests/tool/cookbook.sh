@@ -10,20 +10,10 @@ mkdir "$work/bin" "$work/files"
 ln -s "$tool" "$work/bin/telvane-avfilter"
 PATH=$work/bin:$PATH
 cd "$work/files"
-while read -r name file; do
-    ln -s "$media/$file" "$name"
-done <<'LINKS'
-clip.mp4 clip.mp4
-cam.mp4 cam.mp4
-screen.mp4 clip.mp4
-green.mp4 green.mp4
-photo.png train.png
-logo.png logo.png
-voice.wav Front_Left.wav
-other.wav Rear_Left.wav
-left.wav Front_Left.wav
-right.wav Front_Right.wav
-LINKS
+for pair in clip.mp4 cam.mp4 green.mp4 logo.png screen.mp4:clip.mp4 photo.png:train.png voice.wav:Front_Left.wav \
+    other.wav:Rear_Left.wav left.wav:Front_Left.wav right.wav:Front_Right.wav; do
+    ln -s "$media/${pair#*:}" "${pair%:*}"
+done
 
 # One file per block, numbered.
 awk -v work="$work" '/^```sh$/ { file = sprintf("%s/%03d.sh", work, ++n); next } /^```$/ { file = "" } file { print > file }' "$page"

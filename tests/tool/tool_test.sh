@@ -34,23 +34,22 @@ turned() {
         ffmpeg -i "$media/clip.mp4" -c copy -metadata:s:v rotate=90 "$1"
 }
 copied() { ffmpeg -i "$1" -map "0:$2" -c copy -f streamhash -hash md5 - | sed 's/.*=//'; }
+# equal LOOK OUTPUT WHAT: by pictures or sound, with ffmpeg's output of the same ending
+equal() {
+    same "$3 as $2" "$($1 "$2")" "$($1 "reference.${2##*.}")"
+    rm "$2" "reference.${2##*.}"
+}
 # video DESCRIPTION FILE OUTPUT [ENCODER OPTION...]: beside ffmpeg
 video() {
-    local description=$1 file=$2 output=$3
-    shift 3
-    run video "$description" "$file" "$output" --pass none "$@"
-    ffmpeg -i "$file" -map 0:V:0 -vf "$description" "$@" "reference.${output##*.}"
-    same "$description of $file as $output" "$(pictures "$output")" "$(pictures "reference.${output##*.}")"
-    rm "$output" "reference.${output##*.}"
+    run video "$1" "$2" "$3" --pass none "${@:4}"
+    ffmpeg -i "$2" -map 0:V:0 -vf "$1" "${@:4}" "reference.${3##*.}"
+    equal pictures "$3" "$1 of $2"
 }
 # audio DESCRIPTION FILE OUTPUT [ENCODER OPTION...]
 audio() {
-    local description=$1 file=$2 output=$3
-    shift 3
-    run audio "$description" "$file" "$output" --pass none "$@"
-    ffmpeg -i "$file" -map 0:a:0 -af "$description" "$@" "reference.${output##*.}"
-    same "$description of $file as $output" "$(sound "$output")" "$(sound "reference.${output##*.}")"
-    rm "$output" "reference.${output##*.}"
+    run audio "$1" "$2" "$3" --pass none "${@:4}"
+    ffmpeg -i "$2" -map 0:a:0 -af "$1" "${@:4}" "reference.${3##*.}"
+    equal sound "$3" "$1 of $2"
 }
 # mix KIND DESCRIPTION OUTPUT FILE...: the files are called a, b ...
 mix() {
@@ -66,8 +65,7 @@ mix() {
     done
     run "mix-$kind" "$description" "${inputs[@]}" "$output" --pass none
     ffmpeg "${theirs[@]}" -lavfi "$text" "reference.${output##*.}"
-    same "$description of $* as $output" "$($read "$output")" "$($read "reference.${output##*.}")"
-    rm "$output" "reference.${output##*.}"
+    equal "$read" "$output" "$description of $*"
 }
 # refused EXIT TEXT ARGUMENT...: the tool ends so, says so in its first line, and leaves no file
 refused() {
