@@ -215,6 +215,7 @@ TEST(Layer, PicturesComeInNumberAndTimeAsFFmpegGivesThem)
         {"[a]minterpolate=fps=60:mi_mode=dup[out]", even, {6}},
         {"[a]loop=1:3[out]", even, {5}},
         {"[a]null[out]", even, {0}},
+        {"[a]null[out]", {.picture = picture, .times = {0, 1, 3}, .timeBase = {1, 1}}, {3}},
         {"[a][b]overlay=shortest=1[out]", even, {7, 4}},
         {"[a][b]overlay=eof_action=pass[out]", even, {7, 4}},
         {"[a][b]concat[out]", even, {3, 4}},
@@ -357,9 +358,16 @@ TEST(Layer, WhatCannotBeIsRefusedBeforeTheCall)
         expect([&] { VideoFilter(kVideo, "null", bad); });
         expect([&] { VideoScaler(kVideo.picture, bad); });
     }
-    for (const VideoStream& bad :
-         {VideoStream{kVideo.picture, {0}}, VideoStream{kVideo.picture, {25}, 3, {1, 2}},
-          VideoStream{kVideo.picture, {25}, {}, {0, (std::int64_t{1} << 53) + 1}}}) {
+    const Picture good = kVideo.picture;
+    for (const VideoStream& bad : {VideoStream{.picture = good, .rate = {0}},
+                                   {.picture = good, .rate = {25, 0}},
+                                   {.picture = good, .timeBase = {0, 1}},
+                                   {.picture = good, .timeBase = {1, 0}},
+                                   {.picture = good, .aspect = {-1, 1}},
+                                   {.picture = good, .aspect = {1, 0}},
+                                   {.picture = good, .length = -1},
+                                   {.picture = good, .length = 3, .times = {1, 2}},
+                                   {.picture = good, .times = {0, (std::int64_t{1} << 53) + 1}}}) {
         expect([&] { VideoFilter(bad, "null"); });
     }
     for (const AudioStream bad :
