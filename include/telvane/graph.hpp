@@ -252,8 +252,9 @@ class Graph
                  ";[out]" + m_Tail.Filters(m_Clock) + "[" + kSinkLabel + "]";
         unsigned long long hHandle = 0;
         typename Kind::Info** ppInfo = pointers.data();
+        const std::string what = description + "\nlabels here: " + labels + "[out]"; // before: it may throw
         Check(Kind::kCreate(&hHandle, &ppInfo, static_cast<int>(infos.size()), kSinkLabel, whole.c_str()),
-              description + "\nlabels here: " + labels + "[out]");
+              what);
         m_Handle = decltype(m_Handle)(hHandle);
         for (std::size_t i = 0; i < m_Inputs.size(); ++i) {
             if (m_Inputs[i].IsAllSent()) { // nothing at all: FFmpeg's filters see that before they begin
