@@ -19,7 +19,9 @@ using test::Send;
 using test::Take;
 using test::Work;
 
-const bool g_bErrorAtStart = AVFilter_GetLastError(nullptr) != 0 || AVFilter_IsErrorOccur;
+const bool g_bErrorAtStart = []() noexcept {
+    return AVFilter_GetLastError(nullptr) != 0 || AVFilter_IsErrorOccur;
+}();
 
 TEST(Report, KeepsTheLastCodeAndTellsErrno)
 {

@@ -21,7 +21,7 @@ namespace
 class Lock : public testing::Test
 {
   protected:
-    ~Lock() override
+    void TearDown() override
     {
         for (std::thread& thread : m_Threads) {
             thread.join();

@@ -26,6 +26,7 @@ bool EndsBeside(const std::vector<std::function<void()>>& others, const std::fun
     std::atomic<bool> bStop = false;
     std::atomic<int> nRounds = 0;
     std::vector<std::thread> vec_Threads;
+    vec_Threads.reserve(others.size());
     for (const auto& once : others) {
         vec_Threads.emplace_back([&] {
             for (; !bStop; ++nRounds) {
@@ -75,7 +76,9 @@ TEST_P(Waits, ConversionsGetThroughWhileHandlesComeAndGo)
 {
     Job job(m_Kind, kSmall, 1);
     const auto comeAndGo = [&] {
-        Job(m_Kind, kSmall, 1);
+        {
+            const Job come(m_Kind, kSmall, 1);
+        }
         // Graphs are built outside the lock: it would be free most of the time.
         for (int k = 0; k < 10000; ++k) {
             jobs::Demand(m_Kind.Destroy(0), m_Kind.szName);

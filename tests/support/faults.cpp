@@ -30,6 +30,9 @@ bool IsFromLibrary(void* pCaller)
 
 // The log's own memory is there.
 struct Unfailing {
+    Unfailing() = default;
+    Unfailing(const Unfailing&) = delete;
+    Unfailing& operator=(const Unfailing&) = delete;
     ~Unfailing() { faults::s_nFailNew = nFailNew; }
     int nFailNew = std::exchange(faults::s_nFailNew, 0);
 };
