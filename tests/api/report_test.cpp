@@ -19,9 +19,11 @@ using test::Send;
 using test::Take;
 using test::Work;
 
-const bool g_bErrorAtStart = []() noexcept {
+bool HasError() noexcept
+{
     return AVFilter_GetLastError(nullptr) != 0 || AVFilter_IsErrorOccur;
-}();
+}
+const bool g_bErrorAtStart = HasError();
 
 TEST(Report, KeepsTheLastCodeAndTellsErrno)
 {
