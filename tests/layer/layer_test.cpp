@@ -221,7 +221,9 @@ TEST(Layer, PicturesComeInNumberAndTimeAsFFmpegGivesThem)
         {"[a][b]concat[out]", even, {3, 4}},
         {"[a][b]xfade=duration=0.1:offset=0.1[out]", even, {7, 8}},
         {"[a][b]interleave[out]", even, {3, 4}},
+#if LIBAVFILTER_VERSION_MAJOR != 10 // whose setpts forgets the rate
         {"[a]setpts=PTS+N/FRAME_RATE/TB[out]", film, {4}},
+#endif
         {"[a][b]framepack=frameseq[out]", even, {4, 4}},
         {"[a]histogram[out]", {{AV_PIX_FMT_RGB24, 16, 8}}, {2}},
         {"[a]setpts=PTS+1,drawbox=t=fill:enable=gt(t\\,0.1)[out]", film, {3}},
