@@ -137,7 +137,7 @@ TEST_F(Faults, AreReportedWhereTheyHappenAndTheNextTrySucceeds)
         }
         for (std::size_t n = 0; n < vec_Outcomes.size(); ++n) { // 0: none fails
             const std::string& outcome = vec_Outcomes[n];
-            SCOPED_TRACE(kind.szName + (" " + std::to_string(n)) + " " + outcome);
+            SCOPED_TRACE(testing::Message() << kind.szName << " " << n << " " << outcome);
             const auto has = [&outcome](char c) { return outcome.find(c) != std::string::npos; };
             const test::KeepsMemoryByContract keeps(has('k'));
             h = 42;

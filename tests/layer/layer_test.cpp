@@ -194,43 +194,50 @@ TEST(Layer, PicturesComeInNumberAndTimeAsFFmpegGivesThem)
 {
     const Picture picture{AV_PIX_FMT_YUV420P, 16, 8};
     const VideoStream even{picture, {30000, 1001}};
-    const VideoStream uneven{.picture = picture,
-                             .times = {0, 20, 40, 41, 500, 520, 1000, 1040, 1080, 1120, 1160}};
-    const VideoStream film{
-        .picture = picture, .times = {0, 1, 3, 4}, .timeBase = {1001, 24000}, .toldRate = {24000, 1001}};
+    VideoStream uneven{picture};
+    uneven.times = {0, 20, 40, 41, 500, 520, 1000, 1040, 1080, 1120, 1160};
+    VideoStream film{picture};
+    film.times = {0, 1, 3, 4};
+    film.timeBase = {1001, 24000};
+    film.toldRate = {24000, 1001};
+    const VideoStream slow{picture, {1, 1}};
+    VideoStream seconds{picture};
+    seconds.times = {0, 1, 3};
+    seconds.timeBase = {1, 1};
+    const VideoStream rgb{{AV_PIX_FMT_RGB24, 16, 8}};
     const struct {
         const char* szDescription;
-        VideoStream stream;
+        const VideoStream* pStream;
         std::vector<int> lengths;
     } cases[] = {
-        {"[a]reverse[out]", even, {7}},
-        {"[a]fps=50[out]", even, {7}},
-        {"[a]fps=10[out]", uneven, {10}},
-        {"[a]tile=2x2[out]", even, {7}},
-        {"[a]setpts=PTS*2+1/TB[out]", uneven, {10}},
-        {"[a]trim=start=0.1,setpts=PTS-STARTPTS[out]", uneven, {10}},
-        {"[a]select=not(mod(n\\,3))[out]", even, {7}},
-        {"[a]trim=end_frame=3[out]", {picture, {1, 1}}, {7}},
-        {"[a]telecine[out]", even, {8}},
-        {"[a]minterpolate=fps=60:mi_mode=dup[out]", even, {6}},
-        {"[a]loop=1:3[out]", even, {5}},
-        {"[a]null[out]", even, {0}},
-        {"[a]null[out]", {.picture = picture, .times = {0, 1, 3}, .timeBase = {1, 1}}, {3}},
-        {"[a][b]overlay=shortest=1[out]", even, {7, 4}},
-        {"[a][b]overlay=eof_action=pass[out]", even, {7, 4}},
-        {"[a][b]concat[out]", even, {3, 4}},
-        {"[a][b]xfade=duration=0.1:offset=0.1[out]", even, {7, 8}},
-        {"[a][b]interleave[out]", even, {3, 4}},
+        {"[a]reverse[out]", &even, {7}},
+        {"[a]fps=50[out]", &even, {7}},
+        {"[a]fps=10[out]", &uneven, {10}},
+        {"[a]tile=2x2[out]", &even, {7}},
+        {"[a]setpts=PTS*2+1/TB[out]", &uneven, {10}},
+        {"[a]trim=start=0.1,setpts=PTS-STARTPTS[out]", &uneven, {10}},
+        {"[a]select=not(mod(n\\,3))[out]", &even, {7}},
+        {"[a]trim=end_frame=3[out]", &slow, {7}},
+        {"[a]telecine[out]", &even, {8}},
+        {"[a]minterpolate=fps=60:mi_mode=dup[out]", &even, {6}},
+        {"[a]loop=1:3[out]", &even, {5}},
+        {"[a]null[out]", &even, {0}},
+        {"[a]null[out]", &seconds, {3}},
+        {"[a][b]overlay=shortest=1[out]", &even, {7, 4}},
+        {"[a][b]overlay=eof_action=pass[out]", &even, {7, 4}},
+        {"[a][b]concat[out]", &even, {3, 4}},
+        {"[a][b]xfade=duration=0.1:offset=0.1[out]", &even, {7, 8}},
+        {"[a][b]interleave[out]", &even, {3, 4}},
 #if LIBAVFILTER_VERSION_MAJOR != 10 // whose setpts forgets the rate
-        {"[a]setpts=PTS+N/FRAME_RATE/TB[out]", film, {4}},
+        {"[a]setpts=PTS+N/FRAME_RATE/TB[out]", &film, {4}},
 #endif
-        {"[a][b]framepack=frameseq[out]", even, {4, 4}},
-        {"[a]histogram[out]", {{AV_PIX_FMT_RGB24, 16, 8}}, {2}},
-        {"[a]setpts=PTS+1,drawbox=t=fill:enable=gt(t\\,0.1)[out]", film, {3}},
-        {"[a]metadata=mode=add:key=telvane:value='a\nb'[out]", even, {3}},
+        {"[a][b]framepack=frameseq[out]", &even, {4, 4}},
+        {"[a]histogram[out]", &rgb, {2}},
+        {"[a]setpts=PTS+1,drawbox=t=fill:enable=gt(t\\,0.1)[out]", &film, {3}},
+        {"[a]metadata=mode=add:key=telvane:value='a\nb'[out]", &even, {3}},
     };
     for (const auto& st : cases) {
-        ExpectAsFFmpeg(st.szDescription, st.stream, picture, st.lengths);
+        ExpectAsFFmpeg(st.szDescription, *st.pStream, picture, st.lengths);
     }
 
     // So many times as the memory of a long file of a phone has.

@@ -44,7 +44,7 @@ TEST(Video, SizesFormatsAndFilters)
         const VideoGraph filter(st.szDescr, VideoInfo(st.nWidth, st.nHeight));
         const VideoGraph mix(st.szDescr, {{VideoInfo(st.nWidth, st.nHeight)}});
         for (const unsigned nSeed : {1U, 2U, 3U}) {
-            SCOPED_TRACE(st.szDescr + (" " + std::to_string(st.nWidth)));
+            SCOPED_TRACE(testing::Message() << st.szDescr << " " << st.nWidth);
             const Picture picture(st.nWidth, st.nHeight, nSeed);
             const bool bWhole = nSeed > 1 && (st.nWidth | st.nHeight) % 2 == 0;
             const Bytes filtered = filter.Run(picture, bWhole);
