@@ -135,13 +135,13 @@ extern "C" bool BaseLib_OperatorHandle_Create(unsigned long long* phHandle, unsi
     return bDone;
 }
 
-void* operator new(std::size_t nSize)
+// Where g++ 14 and later see the malloc or the free inlined, they miss the other.
+[[gnu::noinline]] void* operator new(std::size_t nSize)
 {
     void* const p = faults::s_nFailNew > 0 && --faults::s_nFailNew == 0 ? nullptr : std::malloc(nSize);
     return p != nullptr ? p : throw std::bad_alloc();
 }
 
-// Where g++ 14 sees the free inlined it misses the malloc.
 [[gnu::noinline]] void operator delete(void* p) noexcept
 {
     std::free(p); // NOLINT(cppcoreguidelines-no-malloc)
