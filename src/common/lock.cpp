@@ -24,14 +24,16 @@ void FamilyLock::lock()
     {
         std::unique_lock queue(m_Queue);
         if (m_bOpen) {
-            if (m_nBatch++ == 0) {
-                ++m_nTurn;
-            }
+            ++m_nInside;
         } else {
             ++m_nNext;
-            const unsigned nTurn = m_nTurn;
+            const unsigned nBatch = m_nBatch;
             queue.unlock();
-            m_nTurn.wait(nTurn);
+            m_nBatch.wait(nBatch);
+            queue.lock();
+        }
+        if (m_nWriters++ == 0) {
+            ++m_nTurn;
         }
     }
     for (unsigned nLeft = m_nLeft; HasReaders(); nLeft = m_nLeft) {
@@ -47,15 +49,15 @@ bool FamilyLock::try_lock()
 {
     {
         const std::unique_lock queue(m_Queue, std::try_to_lock);
-        if (!queue || m_nBatch > 0) {
+        if (!queue || m_nInside > 0) {
             return false;
         }
-        m_nBatch = 1;
+        m_nInside = m_nWriters = 1;
         m_bOpen = false;
         ++m_nTurn;
     }
     if (HasReaders() || !m_Alone.try_lock()) {
-        LeaveBatch();
+        Leave();
         return false;
     }
     t_pAlone = this;
@@ -66,36 +68,51 @@ void FamilyLock::unlock()
 {
     t_pAlone = nullptr;
     m_Alone.unlock();
-    LeaveBatch();
+    Leave();
 }
 
-void FamilyLock::LeaveBatch()
+void FamilyLock::Leave()
 {
     const std::lock_guard queue(m_Queue);
-    if (--m_nBatch > 0) {
-        return;
+    if (--m_nWriters == 0) {
+        m_nAdmitted += std::exchange(m_nReaders, 0);
+        ++m_nTurn;
+        m_nTurn.notify_all();
     }
-    m_bOpen = true;
-    m_nAdmitted += std::exchange(m_nReaders, 0);
-    m_nBatch = std::exchange(m_nNext, 0);
-    m_nTurn += m_nBatch > 0 ? 2 : 1;
-    m_nTurn.notify_all();
+    if (--m_nInside == 0) {
+        m_bOpen = true;
+        m_nInside = std::exchange(m_nNext, 0);
+        ++m_nBatch;
+        m_nBatch.notify_all();
+    }
 }
 
-void FamilyLock::WaitForBatch(std::atomic<unsigned>& mark)
+void FamilyLock::WaitForTurn(std::atomic<unsigned>& mark)
 {
-    --mark;
-    WakeWriters();
+    const unsigned nFirst = m_nTurn;
+    for (;;) {
+        const unsigned nTurn = m_nTurn;
+        if (!IsWriters(nTurn)) {
+            return;
+        }
+        --mark;
+        WakeWriters();
+        if (nTurn - nFirst >= 2 * kPatience) {
+            break;
+        }
+        m_nTurn.wait(nTurn);
+        ++mark;
+    }
     std::unique_lock queue(m_Queue);
     const unsigned nTurn = m_nTurn;
-    if (!IsBatch(nTurn)) {
+    if (!IsWriters(nTurn)) {
         ++mark;
         return;
     }
     ++m_nReaders;
     queue.unlock();
     m_nTurn.wait(nTurn);
-    // Another batch may have begun, but it lets those in who waited for this one.
+    // Other writers may have their turn already, but wait for those who were let in.
     ++mark;
     --m_nAdmitted;
 }
@@ -163,9 +180,9 @@ void FamilyLock::ForgetOtherThreads()
         OwnMark() = 1;
     }
     m_nAdmitted = m_nReaders = m_nNext = 0;
-    m_nBatch = t_pAlone == this ? 1 : 0;
-    m_bOpen = m_nBatch == 0;
-    m_nTurn = m_nBatch;
+    m_nWriters = m_nInside = t_pAlone == this ? 1 : 0;
+    m_bOpen = m_nInside == 0;
+    m_nTurn = m_nInside;
 }
 
 } // namespace common
