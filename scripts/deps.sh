@@ -7,7 +7,7 @@ BUILD_PACKAGES=(
     g++ cmake ninja-build pkg-config
     libavcodec-dev libavdevice-dev libavfilter-dev libavformat-dev libavutil-dev libswresample-dev libswscale-dev
 )
-TOOL_PACKAGES=(libcli11-dev libfmt-dev nlohmann-json3-dev)
+TOOL_PACKAGES=(libcli11-dev libfmt-dev)
 PYTHON_PACKAGES=(pybind11-dev python3-dev)
 TEST_PACKAGES=(libgtest-dev ffmpeg bsdutils mypy python3-numpy)
 CHECK_PACKAGES=(clang clang-format clang-tidy doxygen shellcheck valgrind)

@@ -55,19 +55,11 @@ struct Arguments {
     bool bVerbose = false;
 };
 
-int Report(const Arguments& arguments, Exit exit, const std::string& what)
+int Report(Exit exit, const std::string& what)
 {
-    std::vector<std::string> lines = LogLines();
-    std::erase_if(lines, [&](const std::string& line) { return what.find(line) != std::string::npos; });
-    if (arguments.options.bJson) {
-        Json json{{"exit", static_cast<int>(exit)}, {"error", what}};
-        if (!lines.empty()) {
-            json["ffmpeg"] = lines;
-        }
-        fmt::print(stderr, "{}\n", InJson(json));
-    } else {
-        fmt::print(stderr, "telvane-avfilter: {}\n", what);
-        for (const std::string& line : lines) {
+    fmt::print(stderr, "telvane-avfilter: {}\n", what);
+    for (const std::string& line : LogLines()) {
+        if (what.find(line) == std::string::npos) {
             fmt::print(stderr, "  FFmpeg: {}\n", line);
         }
     }
@@ -174,7 +166,6 @@ void AddCommand(CLI::App& app, const Command& command, Arguments& arguments)
     to.add_option("--from", arguments.from, "FFmpeg's format of the inputs, where they do not tell");
     to.add_option("--stream", arguments.streams, "Which stream: 2, a:1, m:language:deu (mixes: NAME=...)")
         ->allow_extra_args(false);
-    to.add_flag("--json", options.bJson, "Report as JSON, failures too");
     to.add_flag("-v,--verbose", arguments.bVerbose, "Show FFmpeg's messages");
     if (command.name == "probe") {
         return;
@@ -210,7 +201,6 @@ int Run(int argc, char** argv)
         names.push_back(command.name);
     }
     try {
-        options.bJson = std::find(argv, argv + argc, std::string_view("--json")) != argv + argc;
         std::vector<std::string> words = TakeCodecOptions(argc, argv, options.output);
         const std::string first = words.empty() ? "" : words[0];
         const auto* pChosen = std::find_if(std::begin(kCommands), std::end(kCommands),
@@ -234,15 +224,15 @@ int Run(int argc, char** argv)
         return pChosen->name == "probe" ? RunProbe(options) : RunFilter(options, pChosen->kind);
     } catch (const Failure& failure) {
         if (IsInterrupted()) {
-            return Report(arguments, kInterrupted, "interrupted before there was anything to keep");
+            return Report(kInterrupted, "interrupted before there was anything to keep");
         }
-        return Report(arguments, failure.ExitCode(), failure.what());
+        return Report(failure.ExitCode(), failure.what());
     } catch (const telvane::Error& error) {
-        return Report(arguments, kGraph, error.what());
+        return Report(kGraph, error.what());
     } catch (const std::bad_alloc&) {
-        return Report(arguments, kOther, "no memory");
+        return Report(kOther, "no memory");
     } catch (const std::exception& error) {
-        return Report(arguments, kOther, error.what());
+        return Report(kOther, error.what());
     }
 }
 

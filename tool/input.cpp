@@ -330,20 +330,14 @@ std::string TurnOf(const AVStream& stream)
     if (pMatrix == nullptr) {
         return {};
     }
-    // Signs of the upper left four of the matrix, by rows.
-    static const std::map<std::string, std::string> turns{{"0+-0", "transpose=clock"},
-                                                          {"0-+0", "transpose=cclock"},
-                                                          {"0++0", "transpose=cclock_flip"},
-                                                          {"0--0", "transpose=clock_flip"},
-                                                          {"-00-", "hflip,vflip"},
-                                                          {"-00+", "hflip"},
-                                                          {"+00-", "vflip"}};
-    std::string signs;
-    for (const int i : {0, 1, 3, 4}) {
-        signs += std::abs(pMatrix[i]) < 0x8000 ? '0' : pMatrix[i] > 0 ? '+' : '-';
+    const auto isSet = [&](int i) { return std::abs(pMatrix[i]) >= 0x8000; };
+    if (isSet(1) && isSet(3) && !isSet(0) && !isSet(4)) {
+        const bool bFlip = (pMatrix[1] > 0) == (pMatrix[3] > 0);
+        return fmt::format("transpose={}{}", pMatrix[3] < 0 ? "clock" : "cclock", bFlip ? "_flip" : "");
     }
-    const auto found = turns.find(signs);
-    return found != turns.end() ? found->second : "";
+    const bool bStraight = isSet(0) && isSet(4) && !isSet(1) && !isSet(3);
+    const std::string flip = bStraight && pMatrix[0] < 0 ? "hflip" : "";
+    return !bStraight || pMatrix[4] > 0 ? flip : flip.empty() ? "vflip" : "hflip,vflip";
 }
 
 bool Input::ReadPacket()

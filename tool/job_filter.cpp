@@ -323,14 +323,14 @@ class Job
             m_Outcome = Preview(m_Inputs, m_Text);
         }
         if (m_Options.output.path.empty()) {
-            return Explain(m_Options, m_Inputs, m_Outcome);
+            return Explain(m_Inputs, m_Outcome);
         }
         Output output(m_Options.output, m_Kind, *m_Inputs[0]);
         m_Outcome = Preview(m_Inputs, Append(m_Text, output.Restriction(m_Outcome)));
         m_Outcome.nDepth = DepthOf(*m_Inputs[0]);
         m_Text = Append(m_Text, Ending(m_Outcome) + output.MakeEven(m_Outcome.form.picture));
         if (m_Options.bExplain) {
-            return Explain(m_Options, m_Inputs, m_Outcome);
+            return Explain(m_Inputs, m_Outcome);
         }
         std::vector<Lane> lanes = Measure();
         double dLongest = 0;
@@ -356,7 +356,7 @@ class Job
         while (!Mixed(lanes)) {
             lanes = Measure();
         }
-        return Finish(m_Options, m_Inputs, output, Describe(m_Inputs, m_Outcome));
+        return Finish(m_Options, m_Inputs, output, m_Outcome);
     }
 
   private:

@@ -3,8 +3,6 @@
 
 #include "output.h"
 
-#include <nlohmann/json.hpp>
-
 namespace tool
 {
 
@@ -13,7 +11,6 @@ struct Options {
     std::string description;
     OutputWish output;
     bool bExplain = false;
-    bool bJson = false;
     bool bQuiet = false;
 };
 
@@ -24,15 +21,10 @@ Exit RunProbe(const Options& options);
 // ---- Reports ------------------------------------------------------------------------------------
 
 using Inputs = std::vector<std::unique_ptr<Input>>;
-using Json = nlohmann::ordered_json;
 
-Json Describe(const Inputs& inputs, const Outcome& outcome);
-Exit Explain(const Options& options, const Inputs& inputs, const Outcome& outcome);
+Exit Explain(const Inputs& inputs, const Outcome& outcome);
 // Ends the output and tells what has become of it.
-Exit Finish(const Options& options, const Inputs& inputs, Output& output, Json json);
-
-// Names of files need not be UTF-8: what is not is replaced.
-std::string InJson(const Json& json);
+Exit Finish(const Options& options, const Inputs& inputs, Output& output, const Outcome& outcome);
 // A line for the user on standard error.
 void Tell(const Options& options, const std::string& text);
 

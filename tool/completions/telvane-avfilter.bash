@@ -19,7 +19,7 @@ _telvane_avfilter() {
         ;;
     *)
         if [[ $word == -* ]]; then
-            options="--help --json --verbose --from --stream"
+            options="--help --verbose --from --stream"
             [[ $command != probe ]] && options+=" --to --length --pass --force --explain --quiet"
             [[ $command == mix-* ]] && options+=" --in"
             [[ $command == *video || $command == scale ]] && options+=" --at"
