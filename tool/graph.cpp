@@ -78,6 +78,12 @@ void RefuseOpen(const std::vector<End>& sources, const AVFilterInOut* pInputs,
 
 } // namespace
 
+std::string SourceLabel(const std::string& text, const std::string& name)
+{
+    const std::string label = std::string(kSource) + name;
+    return text.find(label + "]") != std::string::npos ? label : name;
+}
+
 End SourceOf(const std::string& label, const Form& form, AVRational base, AVRational rate,
              const AVFrame& first)
 {
@@ -147,8 +153,8 @@ Outcome Preview(const std::vector<std::unique_ptr<Input>>& inputs, const std::st
     for (const auto& input : inputs) {
         const AVRational base =
             bVideo ? input->Stream().time_base : AVRational{1, input->Gives().audio.rate};
-        sources.push_back(SourceOf(std::string(kSource) + input->Of().name, input->Gives(), base,
-                                   input->Rate(), input->First()));
+        sources.push_back(SourceOf(SourceLabel(text, input->Of().name), input->Gives(), base, input->Rate(),
+                                   input->First()));
     }
     std::vector<AVFilterContext*> ends;
     const GraphPtr graph = BuildGraph(kind, sources, text, ends);

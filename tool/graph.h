@@ -24,8 +24,10 @@ End SourceOf(const std::string& label, const Form& form, AVRational base, AVRati
 GraphPtr BuildGraph(AVMediaType kind, const std::vector<End>& sources, const std::string& text,
                     std::vector<AVFilterContext*>& ends);
 
-// Before the label of each input, where the tool's own filters stand in front of it.
+// Before the label of an input, where the tool's own filters stand in front of it.
 inline constexpr std::string_view kSource = "source@";
+// Of the input of this name in the text.
+std::string SourceLabel(const std::string& text, const std::string& name);
 
 // What comes out.
 struct Outcome {

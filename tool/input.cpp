@@ -418,6 +418,13 @@ Length Input::Measure(bool bDecode) const
         }
         return length;
     }
+    const AVStream& own = *m_pStream;
+    if (av_get_exact_bits_per_sample(own.codecpar->codec_id) > 0 && own.start_time <= 0 &&
+        own.duration > 0 && av_cmp_q(own.time_base, {1, own.codecpar->sample_rate}) == 0 &&
+        m_Demuxer.Format().duration_estimation_method == AVFMT_DURATION_FROM_STREAM) {
+        length.n = own.duration; // the header knows; should it be wrong, that is found at the end
+        return length;
+    }
     Demuxer demuxer(m_Source);
     const AVStream& stream = *demuxer.Format().streams[m_pStream->index];
     const PacketPtr read = Made<PacketPtr>(av_packet_alloc());
@@ -573,7 +580,14 @@ void Input::Prepare(FramePtr frame)
     if (!frame) {
         return;
     }
-    if (m_Form.kind == AVMEDIA_TYPE_VIDEO && IsSame(m_Form, FormOf(*frame))) {
+    // What follows what came before needs no graph. FFmpeg's is stricter about where sound begins.
+    const int64_t nGap =
+        m_Form.kind == AVMEDIA_TYPE_AUDIO
+            ? av_rescale_q(frame->pts, m_pStream->time_base, {1, m_Form.audio.rate}) - m_nSamples
+            : 0;
+    if (!m_Converter && IsSame(m_Form, FormOf(*frame)) &&
+        std::abs(static_cast<double>(nGap)) <= (m_nSamples > 0 ? kGap * m_Form.audio.rate : 0)) {
+        m_nSamples += frame->nb_samples;
         m_Frames.Put(std::move(frame));
         return;
     }

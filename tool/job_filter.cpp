@@ -35,8 +35,8 @@ std::string Head(const Options& options, const Input& input)
     const double dLength = options.output.dLength;
     if (input.Gives().kind == AVMEDIA_TYPE_AUDIO) {
         const AVChannelLayout& layout = input.Gives().layout;
-        return (IsUsual(layout) ? "anull" : Relabel(layout)) +
-               (dLength > 0 ? fmt::format(",apad=whole_dur={}", dLength) : "");
+        const std::string pad = dLength > 0 ? fmt::format("apad=whole_dur={}", dLength) : "";
+        return IsUsual(layout) ? pad : Relabel(layout) + (pad.empty() ? "" : "," + pad);
     }
     // The file's, because filters round to it.
     const AVRational base = input.Stream().time_base;
@@ -62,7 +62,8 @@ std::string TextOf(const Options& options, const Inputs& inputs)
     std::string text;
     for (const auto& input : inputs) {
         const std::string& name = input->Of().name;
-        text += fmt::format("[{}{}]{}[{}];", kSource, name, Head(options, *input), name);
+        const std::string head = Head(options, *input);
+        text += head.empty() ? "" : fmt::format("[{}{}]{}[{}];", kSource, name, head, name);
     }
     const bool bOne = inputs.size() == 1 && inputs[0]->Of().name == "in";
     return text + (bOne ? telvane::detail::FromIn(options.description) : options.description);
@@ -379,7 +380,7 @@ class Job
 
     std::string LabelOf(std::size_t nInput) const
     {
-        return std::string(kSource) + m_Options.inputs[nInput].name;
+        return SourceLabel(m_Text, m_Options.inputs[nInput].name);
     }
 
     // False if it must be done once more from the start, by what decoding gives; what is out already stays.

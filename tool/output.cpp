@@ -420,9 +420,8 @@ std::vector<bool> Output::Open(const Outcome& outcome, const Input* pOthers, con
 void Output::Create()
 {
     const std::string_view muxer = m_pFormat->name;
-    if (muxer == "mp4" || muxer == "mov" || muxer == "ipod") {
-        m_Options.Set("movflags", m_bPipe ? "frag_keyframe+empty_moov" : "faststart",
-                      AV_DICT_DONT_OVERWRITE);
+    if (m_bPipe && (muxer == "mp4" || muxer == "mov" || muxer == "ipod")) {
+        m_Options.Set("movflags", "frag_keyframe+empty_moov", AV_DICT_DONT_OVERWRITE);
     }
     if (!m_bPipe) {
         OpenPart(m_Target);
