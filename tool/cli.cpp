@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <malloc.h>
 #include <new>
+#include <regex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,7 +20,6 @@ namespace
 using namespace tool;
 
 constexpr double kLongest = 1e7; // seconds: four months
-constexpr const char* kNameLetters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_";
 
 constexpr const char* kFooter =
     "Encoders and containers take options as the ffmpeg command names them: -c:v libx265, -crf 23,\n"
@@ -69,36 +69,24 @@ int Report(Exit exit, const std::string& what)
 // "640x360", "640x" or "x360": a side that is missing follows the other one.
 std::string ScaleFilter(const std::string& size)
 {
-    const std::size_t nCross = size.find('x');
-    if (size.size() < 2 || nCross == std::string::npos ||
-        (size.substr(0, nCross) + size.substr(nCross + 1)).find_first_not_of("0123456789") !=
-            std::string::npos) {
-        throw Failure(kUsage, fmt::format("\"{}\" is no size: 640x360, 640x or x360", size));
-    }
-    return fmt::format("scale={}:{}:flags=bilinear", nCross > 0 ? size.substr(0, nCross) : "-1",
-                       nCross + 1 < size.size() ? size.substr(nCross + 1) : "-1");
+    std::smatch sides;
+    FailIf(!std::regex_match(size, sides, std::regex("(\\d*)x(\\d*)")) || size == "x", kUsage,
+           "\"{}\" is no size: 640x360, 640x or x360", size);
+    const auto side = [&](std::size_t i) { return sides.length(i) > 0 ? sides.str(i) : "-1"; };
+    return fmt::format("scale={}:{}:flags=bilinear", side(1), side(2));
 }
 
 void Prepare(Arguments& arguments, const Command& command)
 {
     Options& options = arguments.options;
     for (const std::string& text : arguments.named) {
-        const std::size_t nEqual = text.find('=');
-        const std::string name = text.substr(0, nEqual);
-        const bool bName = !name.empty() && name.size() <= 40 && name != "out" &&
-                           name.find_first_not_of(kNameLetters) == std::string::npos;
-        if (nEqual == std::string::npos || !bName) {
-            throw Failure(kUsage,
-                          fmt::format("--in {}: write NAME=FILE, the name in letters, digits and _, "
-                                      "not out",
-                                      text));
-        }
+        std::smatch parts;
+        FailIf(!std::regex_match(text, parts, std::regex("(?!out=)(\\w{1,40})=([\\s\\S]*)")), kUsage,
+               "--in {}: write NAME=FILE, the name in letters, digits and _, not out", text);
         for (const Source& other : options.inputs) {
-            if (other.name == name) {
-                throw Failure(kUsage, fmt::format("two inputs are named {}", name));
-            }
+            FailIf(other.name == parts.str(1), kUsage, "two inputs are named {}", other.name);
         }
-        options.inputs.push_back({name, text.substr(nEqual + 1), arguments.from, ""});
+        options.inputs.push_back({parts.str(1), parts.str(2), arguments.from, ""});
     }
     if (options.inputs.empty()) {
         options.inputs.push_back({"in", arguments.input, arguments.from, ""});
@@ -110,16 +98,13 @@ void Prepare(Arguments& arguments, const Command& command)
             std::find_if(options.inputs.begin(), options.inputs.end(), [&](const Source& source) {
                 return !bNamed || source.name == text.substr(0, nEqual);
             });
-        if (found == options.inputs.end() || (bNamed && nEqual == std::string::npos)) {
-            throw Failure(kUsage,
-                          fmt::format("--stream {}: write NAME=STREAM, the name of an input", text));
-        }
+        FailIf(found == options.inputs.end() || (bNamed && nEqual == std::string::npos), kUsage,
+               "--stream {}: write NAME=STREAM, the name of an input", text);
         found->stream = text.substr(nEqual + 1); // all of it where there is no name
     }
     OutputWish& output = options.output;
-    if (command.name != "probe" && !options.bExplain && output.path.empty()) {
-        throw Failure(kUsage, "an OUTPUT is needed");
-    }
+    FailIf(command.name != "probe" && !options.bExplain && output.path.empty(), kUsage,
+           "an OUTPUT is needed");
     output.path = output.path == "/dev/stdout" ? "-" : output.path;
     if (command.name == "scale") {
         options.description = ScaleFilter(arguments.size);

@@ -15,6 +15,8 @@ extern "C" {
 #include <libswresample/swresample.h>
 }
 
+#include "Telvane_AVFilter.hpp"
+
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -103,21 +105,18 @@ inline int64_t ShownFor(const AVFrame& frame)
 }
 
 // 6.1 made flags of them.
-inline bool IsInterlaced(const AVFrame& frame)
+inline telvane::Fields FieldsOf(const AVFrame& frame)
 {
 #if LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(58, 7, 100)
-    return (frame.flags & AV_FRAME_FLAG_INTERLACED) != 0;
+    const bool bInterlaced = (frame.flags & AV_FRAME_FLAG_INTERLACED) != 0;
+    const bool bTopFirst = (frame.flags & AV_FRAME_FLAG_TOP_FIELD_FIRST) != 0;
 #else
-    return frame.interlaced_frame != 0;
+    const bool bInterlaced = frame.interlaced_frame != 0;
+    const bool bTopFirst = frame.top_field_first != 0;
 #endif
-}
-inline bool IsTopFirst(const AVFrame& frame)
-{
-#if LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(58, 7, 100)
-    return (frame.flags & AV_FRAME_FLAG_TOP_FIELD_FIRST) != 0;
-#else
-    return frame.top_field_first != 0;
-#endif
+    return !bInterlaced ? telvane::Fields::kUnknown
+           : bTopFirst  ? telvane::Fields::kTopFirst
+                        : telvane::Fields::kBottomFirst;
 }
 
 // What a source of pictures is told of their colours, which 7.0 began to negotiate.

@@ -18,18 +18,11 @@ std::string NameOf(const std::string& label)
     return label.substr(label.starts_with(kSource) ? kSource.size() : 0);
 }
 
-[[noreturn]] void Refuse(const std::string& what)
-{
-    throw Failure(kGraph, what);
-}
-
 // FFmpeg's own words first, because they name the place.
 void CheckText(int n)
 {
-    if (n < 0) {
-        const std::vector<std::string> lines = LogLines();
-        Refuse("the description is refused: " + (lines.empty() ? "see above" : lines.front()));
-    }
+    const std::vector<std::string> lines = LogLines();
+    FailIf(n < 0, kGraph, "the description is refused: {}", lines.empty() ? "see above" : lines.front());
 }
 
 // The library passes pictures on without what only a decoder knows.
@@ -42,10 +35,8 @@ void RefuseUnknowable(const AVFilterGraph& graph)
             const std::string expression = reinterpret_cast<const char*>(pExpression);
             av_free(pExpression);
             for (const char* szWord : {"pict_type", "key", "pos"}) {
-                if (expression.find(szWord) != std::string::npos) {
-                    Refuse(fmt::format(
-                        "select cannot know \"{}\": how a picture was coded is not passed on", szWord));
-                }
+                FailIf(expression.find(szWord) != std::string::npos, kGraph,
+                       "select cannot know \"{}\": how a picture was coded is not passed on", szWord);
             }
         }
     }
@@ -73,7 +64,7 @@ void RefuseOpen(const std::vector<End>& sources, const AVFilterInOut* pInputs,
                              : pInputs == nullptr ? fmt::format("nothing takes {}[{}]", szFilter, name)
                              : name.empty()       ? fmt::format("{} needs to be told its input", szFilter)
                                                   : fmt::format("nothing leads to [{}]", name);
-    Refuse(fmt::format("{}; labels here: {} and [out]", what, labels));
+    throw Failure(kGraph, fmt::format("{}; labels here: {} and [out]", what, labels));
 }
 
 } // namespace
@@ -204,15 +195,11 @@ Outcome Preview(const std::vector<std::unique_ptr<Input>>& inputs, const std::st
 
 std::string Append(const std::string& text, const std::string& filters)
 {
-    constexpr std::string_view kOut = "[out]";
-    constexpr std::string_view kBefore = "[before_out]";
-    const std::size_t nFound = text.rfind(kOut);
-    if (nFound == std::string::npos) {
-        return text + "," + filters;
-    }
-    std::string renamed = text;
-    renamed.replace(nFound, kOut.size(), kBefore);
-    return fmt::format("{};{}{}{}", renamed, kBefore, filters, kOut);
+    const std::size_t nFound = text.rfind("[out]");
+    return nFound == std::string::npos
+               ? text + "," + filters
+               : fmt::format("{}[before_out]{};[before_out]{}[out]", text.substr(0, nFound),
+                             text.substr(nFound + 5), filters);
 }
 
 } // namespace tool

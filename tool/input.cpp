@@ -139,18 +139,12 @@ Demuxer::Demuxer(const Source& source) : m_Source(source)
     const std::string& path = source.path;
     const std::size_t nColon = source.format.find(':');
     const std::string format = source.format.substr(0, nColon);
-    const AVInputFormat* pFormat = nullptr;
-    if (!format.empty()) {
-        pFormat = av_find_input_format(format.c_str());
-        if (pFormat == nullptr) {
-            throw Failure(kUsage, fmt::format("FFmpeg knows no input format \"{}\"", format));
-        }
-    }
+    const AVInputFormat* pFormat = av_find_input_format(format.c_str());
+    FailIf(pFormat == nullptr && !format.empty(), kUsage, "FFmpeg knows no input format \"{}\"", format);
     Dictionary options;
-    if (nColon != std::string::npos &&
-        av_dict_parse_string(options.At(), source.format.c_str() + nColon + 1, "=", ":", 0) < 0) {
-        throw Failure(kUsage, fmt::format("--from {}: write FORMAT:OPTION=VALUE:...", source.format));
-    }
+    FailIf(nColon != std::string::npos &&
+               av_dict_parse_string(options.At(), source.format.c_str() + nColon + 1, "=", ":", 0) < 0,
+           kUsage, "--from {}: write FORMAT:OPTION=VALUE:...", source.format);
     // A colon in the name of a file that exists is no protocol.
     std::error_code ignored;
     const std::string url = path == "-"                              ? "pipe:0"
@@ -163,10 +157,8 @@ Demuxer::Demuxer(const Source& source) : m_Source(source)
     lock.unlock();
     Check(avformat_open_input(&pContext, url.c_str(), pFormat, options.At()), kInput, path);
     m_Format.reset(pContext);
-    if (!options.First().empty()) {
-        throw Failure(kUsage, fmt::format("--from {}: {} has no option \"{}\"", source.format,
-                                          pContext->iformat->name, options.First()));
-    }
+    FailIf(!options.First().empty(), kUsage, "--from {}: {} has no option \"{}\"", source.format,
+           pContext->iformat->name, options.First());
     Check(avformat_find_stream_info(pContext, nullptr), kInput, path);
     // The clock starts with the file; what a codec needs before 0 is decoded and dropped.
     if (pContext->start_time != AV_NOPTS_VALUE &&
@@ -185,10 +177,8 @@ AVStream* Demuxer::Choose(AVMediaType kind) const
         AVStream* pStream = m_Format->streams[i];
         const int nMatches =
             avformat_match_stream_specifier(m_Format.get(), pStream, m_Source.stream.c_str());
-        if (nMatches < 0) {
-            throw Failure(kUsage, fmt::format("--stream {}: write a number, or a:1, v:0, m:language:deu",
-                                              m_Source.stream));
-        }
+        FailIf(nMatches < 0, kUsage, "--stream {}: write a number, or a:1, v:0, m:language:deu",
+               m_Source.stream);
         if (nMatches > 0 && pStream->codecpar->codec_type == kind) {
             return pStream;
         }
@@ -274,16 +264,11 @@ Input::Input(const Source& source, AVMediaType kind)
 {
     const std::string& path = source.path;
     const char* szKind = kind == AVMEDIA_TYPE_VIDEO ? "pictures" : "sound";
-    if (m_pStream == nullptr) {
-        throw Failure(source.stream.empty() ? kInput : kUsage,
-                      fmt::format("{} holds no {}{}{}", path, szKind,
-                                  source.stream.empty() ? "" : " that is called ", source.stream));
-    }
+    FailIf(m_pStream == nullptr, source.stream.empty() ? kInput : kUsage, "{} holds no {}{}{}", path,
+           szKind, source.stream.empty() ? "" : " that is called ", source.stream);
     const AVCodecID id = m_pStream->codecpar->codec_id;
     const AVCodec* pCodec = avcodec_find_decoder(id);
-    if (pCodec == nullptr) {
-        throw Failure(kInput, fmt::format("{}: no decoder for {}", path, avcodec_get_name(id)));
-    }
+    FailIf(pCodec == nullptr, kInput, "{}: no decoder for {}", path, avcodec_get_name(id));
     m_Codec = Made<CodecPtr>(avcodec_alloc_context3(pCodec));
     Check(avcodec_parameters_to_context(m_Codec.get(), m_pStream->codecpar), kInput, path);
     m_Codec->pkt_timebase = m_pStream->time_base;
@@ -298,9 +283,7 @@ Input::Input(const Source& source, AVMediaType kind)
         }
     }
     m_First = Decode();
-    if (!m_First) {
-        throw Failure(kInput, fmt::format("{} holds no {} that can be decoded", path, szKind));
-    }
+    FailIf(!m_First, kInput, "{} holds no {} that can be decoded", path, szKind);
     m_Form = FormOf(*m_First);
     if (kind == AVMEDIA_TYPE_AUDIO) {
         m_Form.audio.format = av_get_packed_sample_fmt(m_Form.audio.format);

@@ -69,22 +69,16 @@ std::string TextOf(const Options& options, const Inputs& inputs)
     return text + (bOne ? telvane::detail::FromIn(options.description) : options.description);
 }
 
-// The filters that leave just this.
+// The filters that leave just this; the layer's own leave the format.
 std::string Ending(const Outcome& outcome)
 {
     if (outcome.form.kind == AVMEDIA_TYPE_VIDEO) {
         return fmt::format("format={}", av_get_pix_fmt_name(outcome.form.picture.format));
     }
-    const telvane::AudioStream& audio = outcome.form.audio;
-    std::string text =
-        fmt::format("aformat=sample_fmts={}:sample_rates={}:channel_layouts={}",
-                    av_get_sample_fmt_name(audio.format), audio.rate, LayoutName(outcome.form.layout));
-    if (!IsUsual(outcome.form.layout)) {
-        AVChannelLayout usual{};
-        av_channel_layout_default(&usual, audio.channels);
-        text += "," + Relabel(usual);
-    }
-    return text;
+    AVChannelLayout usual{};
+    av_channel_layout_default(&usual, outcome.form.audio.channels);
+    return "aformat=channel_layouts=" + LayoutName(outcome.form.layout) +
+           (IsUsual(outcome.form.layout) ? "" : "," + Relabel(usual));
 }
 
 // The number of the one whose other streams are copied, or of inputs if there is none.
@@ -97,9 +91,7 @@ std::size_t ChooseOthers(const Options& options, const Inputs& inputs, const Out
             return i;
         }
     }
-    if (!pass.empty() && output.TakesOthers()) {
-        throw Failure(kUsage, fmt::format("--pass {}: there is no such input", pass));
-    }
+    FailIf(!pass.empty() && output.TakesOthers(), kUsage, "--pass {}: there is no such input", pass);
     return inputs.size();
 }
 
@@ -178,9 +170,7 @@ telvane::VideoStream VideoOf(const Lane& lane)
     }
     stream.colour = {first.color_range, first.color_primaries, first.color_trc, first.colorspace};
     stream.aspect = {first.sample_aspect_ratio.num, std::max(1, first.sample_aspect_ratio.den)};
-    if (IsInterlaced(first)) {
-        stream.fields = IsTopFirst(first) ? telvane::Fields::kTopFirst : telvane::Fields::kBottomFirst;
-    }
+    stream.fields = FieldsOf(first);
     return stream;
 }
 
@@ -378,11 +368,6 @@ class Job
         return lanes;
     }
 
-    std::string LabelOf(std::size_t nInput) const
-    {
-        return SourceLabel(m_Text, m_Options.inputs[nInput].name);
-    }
-
     // False if it must be done once more from the start, by what decoding gives; what is out already stays.
     bool Mixed(std::vector<Lane>& lanes)
     {
@@ -391,14 +376,15 @@ class Job
             if (m_Kind == AVMEDIA_TYPE_VIDEO) {
                 std::vector<telvane::VideoInput> inputs;
                 for (std::size_t i = 0; i < lanes.size(); ++i) {
-                    inputs.push_back({LabelOf(i), VideoOf(lanes[i])});
+                    inputs.push_back({SourceLabel(m_Text, m_Options.inputs[i].name), VideoOf(lanes[i])});
                 }
                 telvane::VideoMixer mixer(inputs, m_Text, m_Outcome.form.picture);
                 Feed(mixer, lanes);
             } else {
                 std::vector<telvane::AudioInput> inputs;
                 for (std::size_t i = 0; i < lanes.size(); ++i) {
-                    inputs.push_back({LabelOf(i), m_Inputs[i]->Gives().audio});
+                    inputs.push_back(
+                        {SourceLabel(m_Text, m_Options.inputs[i].name), m_Inputs[i]->Gives().audio});
                     if (lanes[i].length) {
                         inputs.back().stream.length = lanes[i].length->n;
                     }
@@ -407,9 +393,7 @@ class Job
                 Feed(mixer, lanes);
             }
         } catch (const Mismeasured&) {
-            if (std::exchange(m_bDecode, true)) {
-                throw Failure(kInput, "an input decodes differently each time");
-            }
+            FailIf(std::exchange(m_bDecode, true), kInput, "an input decodes differently each time");
             m_nSkip = std::exchange(m_nReceived, 0);
             m_Inputs.clear();
             m_Inputs = OpenInputs();
@@ -422,10 +406,7 @@ class Job
     {
         const int64_t nPassed = m_nPassed.exchange(0); // before, if this is the second time
         const double dLength = m_Options.output.dLength;
-        double dUntil = kForever;
-        if (dLength > 0) {
-            dUntil = dLength;
-        }
+        const double dUntil = dLength > 0 ? dLength : kForever;
         for (std::size_t i = 0; i < m_Inputs.size(); ++i) {
             m_Inputs[i]->Start(i == m_nOthers ? m_Wanted : std::vector<bool>(), dUntil,
                                [this, nPassed](PacketPtr packet) {
@@ -463,9 +444,8 @@ class Job
             }
             dFirst = std::min(dFirst, dTime);
             const double dMost = 10 * m_dSent + 120;
-            if (dTime - dFirst > dMost || n > 100 * dMost) {
-                throw Failure(kUsage, "the description goes on without end: set one with --length");
-            }
+            FailIf(dTime - dFirst > dMost || n > 100 * dMost, kUsage,
+                   "the description goes on without end: set one with --length");
         }
         return telvane::State::kEnd;
     }

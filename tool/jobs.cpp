@@ -108,9 +108,7 @@ Exit Finish(const Options& options, const Inputs& inputs, Output& output, const 
         input->Join();
     }
     output.Finish();
-    if (output.Count() == 0) {
-        throw Failure(kNothing, "the description gave nothing, or nothing at the time asked for");
-    }
+    FailIf(output.Count() == 0, kNothing, "the description gave nothing, or nothing at the time asked for");
     for (const std::string& note : output.Notes()) {
         Tell(options, note);
     }

@@ -102,12 +102,10 @@ void Output::Choose(const Input& first)
     } else {
         const std::string name = wished.empty() ? m_Wish.path : "x." + wished;
         m_pFormat = av_guess_format(wished.empty() ? nullptr : wished.c_str(), name.c_str(), nullptr);
-        if (m_pFormat == nullptr) {
-            throw Failure(kUsage,
-                          fmt::format("\"{}\" does not tell an output format: end the name in .mp4, .mkv, "
-                                      ".wav, .flac, .png ..., or say it with --to",
-                                      wished.empty() ? m_Wish.path : wished));
-        }
+        FailIf(m_pFormat == nullptr, kUsage,
+               "\"{}\" does not tell an output format: end the name in .mp4, .mkv, "
+               ".wav, .flac, .png ..., or say it with --to",
+               wished.empty() ? m_Wish.path : wished);
         const std::string_view muxer = m_pFormat->name;
         id = muxer == "wav" ? pcm
              : !bVideo && muxer == "matroska"
@@ -123,22 +121,17 @@ void Output::Choose(const Input& first)
     if (m_pEncoder == nullptr && (codec.empty() || pNamed != nullptr)) {
         m_pEncoder = avcodec_find_encoder(pNamed != nullptr ? pNamed->id : id);
     }
-    if (m_pEncoder == nullptr || m_pEncoder->type != m_Kind) {
-        throw Failure(kUsage,
-                      fmt::format("{} files: this FFmpeg has no encoder {}{}for {}", m_pFormat->name, codec,
-                                  codec.empty() ? "" : " ", bVideo ? "pictures" : "sound"));
-    }
+    FailIf(m_pEncoder == nullptr || m_pEncoder->type != m_Kind, kUsage,
+           "{} files: this FFmpeg has no encoder {}{}for {}", m_pFormat->name, codec,
+           codec.empty() ? "" : " ", bVideo ? "pictures" : "sound");
 }
 
 void Output::MayReplace(const std::string& target) const
 {
-    if (IsInput(target)) {
-        throw Failure(kOutput, fmt::format("{} is an input too: give the output another name", target));
-    }
+    FailIf(IsInput(target), kOutput, "{} is an input too: give the output another name", target);
     std::error_code ignored;
-    if (fs::exists(fs::symlink_status(target, ignored)) && !m_Wish.bForce) {
-        throw Failure(kOutput, fmt::format("{} exists already: --force (or -y) replaces it", target));
-    }
+    FailIf(fs::exists(fs::symlink_status(target, ignored)) && !m_Wish.bForce, kOutput,
+           "{} exists already: --force (or -y) replaces it", target);
 }
 
 std::string Output::Restriction(const Outcome& outcome)
@@ -156,11 +149,8 @@ std::string Output::Restriction(const Outcome& outcome)
                 names.emplace_back(format.name);
             }
         }
-        if (names.empty()) {
-            throw Failure(kUsage,
-                          fmt::format("{} takes no pixel format that is wished for and can be given here",
-                                      m_pEncoder->name));
-        }
+        FailIf(names.empty(), kUsage, "{} takes no pixel format that is wished for and can be given here",
+               m_pEncoder->name);
         return fmt::format("format=pix_fmts={}", fmt::join(names, "|"));
     }
     std::vector<AVSampleFormat> formats = SampleFormats(*m_pEncoder);
@@ -290,11 +280,10 @@ bool Output::AddCopy(const AVStream& from)
     if (!bAttach && (avformat_query_codec(m_pFormat, parameters.codec_id, FF_COMPLIANCE_NORMAL) != 1 ||
                      parameters.codec_type == AVMEDIA_TYPE_DATA)) {
         // A clip without its sound is not what anybody wants.
-        if (m_Kind == AVMEDIA_TYPE_VIDEO && parameters.codec_type == AVMEDIA_TYPE_AUDIO) {
-            throw Failure(kOutput, fmt::format("{} cannot hold the input's {} as it is: write .mkv, or "
-                                               "leave it out with --pass none",
-                                               m_pFormat->name, NameOf(from)));
-        }
+        FailIf(m_Kind == AVMEDIA_TYPE_VIDEO && parameters.codec_type == AVMEDIA_TYPE_AUDIO, kOutput,
+               "{} cannot hold the input's {} as it is: write .mkv, or "
+               "leave it out with --pass none",
+               m_pFormat->name, NameOf(from));
         m_Notes.push_back("left out: " + NameOf(from));
         return false;
     }
@@ -384,9 +373,10 @@ std::vector<bool> Output::Open(const Outcome& outcome, const Input* pOthers, con
         if (bVideo) {
             m_pStream->avg_frame_rate = m_Codec->framerate;
             m_pStream->sample_aspect_ratio = m_Codec->sample_aspect_ratio;
-            m_pStream->codecpar->field_order = !IsInterlaced(*outcome.seen) ? AV_FIELD_PROGRESSIVE
-                                               : IsTopFirst(*outcome.seen)  ? AV_FIELD_TB
-                                                                            : AV_FIELD_BT;
+            const telvane::Fields fields = FieldsOf(*outcome.seen);
+            m_pStream->codecpar->field_order = fields == telvane::Fields::kUnknown    ? AV_FIELD_PROGRESSIVE
+                                               : fields == telvane::Fields::kTopFirst ? AV_FIELD_TB
+                                                                                      : AV_FIELD_BT;
         }
     };
     if (pOthers != &about) {
@@ -406,10 +396,8 @@ std::vector<bool> Output::Open(const Outcome& outcome, const Input* pOthers, con
     if (!m_bFiles) {
         Create();
     }
-    if (!m_Options.First().empty()) {
-        throw Failure(kUsage, fmt::format("-{}: neither {} nor {} has this option", m_Options.First(),
-                                          m_pEncoder->name, m_pFormat->name));
-    }
+    FailIf(!m_Options.First().empty(), kUsage, "-{}: neither {} nor {} has this option", m_Options.First(),
+           m_pEncoder->name, m_pFormat->name);
     m_Done = std::async(std::launch::async, [this] {
         const Finally ended([this] { m_Items.Abandon(); });
         Run();
@@ -457,9 +445,7 @@ void Output::Stand(const std::string& target)
     MayReplace(target); // it may have come into being meanwhile
     std::error_code error;
     fs::rename(m_Part, target, error);
-    if (error) {
-        throw Failure(kOutput, fmt::format("{}: {}", target, error.message()));
-    }
+    FailIf(error.value() != 0, kOutput, "{}: {}", target, error.message());
     m_Part.clear();
     RemoveOnSignal("");
 }
@@ -645,9 +631,7 @@ void Output::WriteFile(const AVPacket& packet)
     std::ofstream file(m_Part, std::ios::binary);
     file.write(reinterpret_cast<const char*>(packet.data), packet.size);
     file.close();
-    if (!file) {
-        throw Failure(kOutput, fmt::format("{}: it cannot be written whole", target));
-    }
+    FailIf(!file, kOutput, "{}: it cannot be written whole", target);
     Stand(target);
 }
 
@@ -658,11 +642,10 @@ void Output::WritePassed(AVPacket& packet)
     if ((to.disposition & AV_DISPOSITION_ATTACHED_PIC) != 0) {
         packet.pts = packet.dts = 0; // covers have no time
     }
-    if (packet.pts == AV_NOPTS_VALUE) {
-        throw Failure(kOutput, fmt::format("the input does not say when each {} packet is shown, so that "
-                                           "it cannot be copied: leave it out with --pass none",
-                                           avcodec_get_name(to.codecpar->codec_id)));
-    }
+    FailIf(packet.pts == AV_NOPTS_VALUE, kOutput,
+           "the input does not say when each {} packet is shown, so that "
+           "it cannot be copied: leave it out with --pass none",
+           avcodec_get_name(to.codecpar->codec_id));
     av_packet_rescale_ts(&packet, copied.base, to.time_base);
     packet.stream_index = to.index;
     packet.pos = -1;

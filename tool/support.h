@@ -1,6 +1,8 @@
 // What every part of the tool uses: failures with their exit codes, FFmpeg's log, progress, signals, queues.
 #pragma once
 
+#include <fmt/format.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -35,6 +37,14 @@ class Failure : public std::runtime_error
   private:
     Exit m_Exit;
 };
+
+template <class... Values>
+void FailIf(bool bFail, Exit exit, fmt::format_string<Values...> text, Values&&... values)
+{
+    if (bFail) {
+        throw Failure(exit, fmt::format(text, std::forward<Values>(values)...));
+    }
+}
 
 // Throws "what: FFmpeg's text for the number" if it is an error.
 void Check(int n, Exit exit, const std::string& what);
