@@ -15,20 +15,9 @@
 namespace
 {
 
-using test::Create;
-using test::ExpectFailure;
-using test::g_nGot;
-using test::Handle;
-using test::Kind;
-using test::kKinds;
-using test::NotFound;
-using test::Send;
-using test::Take;
-using test::Work;
+using namespace test;
 
-class Faults : public testing::Test
-{
-  protected:
+struct Faults : testing::Test {
     void TearDown() override { faults::Reset(); }
 };
 
@@ -39,41 +28,35 @@ class Faults : public testing::Test
 // down. Then how the handle goes on: "p" without a picture for planes, "r" without the sizes of its rows either, "c"
 // without conversions, "l" without the block, "s" with what was sent. Without a name for an end FFmpeg does not find
 // it.
+#define SOUND                                                                                              \
+    "av_channel_layout_describe 3k av_get_sample_fmt_name 3k "                                             \
+    "avfilter_get_by_name 3k avfilter_graph_create_filter 3k "
+#define SOUND_SINK "avfilter_get_by_name 3k avfilter_graph_create_filter 3k "
+#define PICTURES "avfilter_get_by_name 3 avfilter_graph_create_filter 3 "
+#define PICTURES_SINK "avfilter_get_by_name 4 avfilter_graph_create_filter 4 "
+#define ENTRY "avfilter_inout_alloc 2 av_strdup "
 const struct {
     const char* szCreate;
     const char* szSend[2]; // separate planes, and a whole picture
     const char* szTake;
 } kSites[] = {
-    {"avfilter_graph_alloc 2k avfilter_inout_alloc 2 avfilter_inout_alloc 2 "
-     "av_channel_layout_describe 3k av_get_sample_fmt_name 3k "
-     "avfilter_get_by_name 3k avfilter_graph_create_filter 3k "
-     "avfilter_get_by_name 3k avfilter_graph_create_filter 3k "
+    {"avfilter_graph_alloc 2k avfilter_inout_alloc 2 avfilter_inout_alloc 2 " SOUND SOUND_SINK
      "av_strdup 5k av_strdup 5k avfilter_graph_parse_ptr 4k avfilter_graph_config 5k "
      "av_frame_alloc 2 av_frame_alloc 2 " HANDLE,
      {},
      "av_frame_get_buffer 7q av_buffersrc_add_frame 8 av_buffersink_get_frame 9s"},
-    {"avfilter_graph_alloc 1 "
-     "av_channel_layout_describe 3k av_get_sample_fmt_name 3k "
-     "avfilter_get_by_name 3k avfilter_graph_create_filter 3k avfilter_inout_alloc 2 av_strdup 5k "
-     "av_channel_layout_describe 3k av_get_sample_fmt_name 3k "
-     "avfilter_get_by_name 3k avfilter_graph_create_filter 3k avfilter_inout_alloc 2 av_strdup 5k "
-     "avfilter_get_by_name 3k avfilter_graph_create_filter 3k avfilter_inout_alloc 2k av_strdup 5k "
-     "avfilter_graph_parse_ptr 4k avfilter_graph_config 5k " HANDLE,
+    {"avfilter_graph_alloc 1 " SOUND ENTRY "5k " SOUND ENTRY "5k " SOUND_SINK
+     "avfilter_inout_alloc 2k av_strdup 5k avfilter_graph_parse_ptr 4k avfilter_graph_config 5k " HANDLE,
      {"av_frame_alloc 7q av_frame_get_buffer 7kq av_buffersrc_add_frame 8",
       "av_frame_alloc 7q av_frame_get_buffer 7kq av_buffersrc_add_frame 8"},
      "av_frame_alloc 7 av_buffersink_get_frame 9 av_samples_get_buffer_size 9l"},
-    {"avfilter_inout_alloc 2 avfilter_inout_alloc 2 avfilter_graph_alloc 2 "
-     "avfilter_get_by_name 3 avfilter_graph_create_filter 3 "
-     "avfilter_get_by_name 4 avfilter_graph_create_filter 4 "
+    {"avfilter_inout_alloc 2 avfilter_inout_alloc 2 avfilter_graph_alloc 2 " PICTURES PICTURES_SINK
      "av_strdup u av_strdup u avfilter_graph_parse_ptr 5 avfilter_graph_config 6 "
      "av_frame_alloc 2 av_image_get_buffer_size 0p av_malloc 0p av_image_fill_arrays 0r "
      "av_frame_alloc 2 av_image_get_buffer_size 0 av_malloc 0 av_image_fill_arrays 0 " HANDLE,
      {},
      "av_buffersrc_add_frame 8 av_buffersink_get_frame 9s"},
-    {"avfilter_graph_alloc 1 "
-     "avfilter_get_by_name 3 avfilter_graph_create_filter 3 avfilter_inout_alloc 2 av_strdup u "
-     "avfilter_get_by_name 3 avfilter_graph_create_filter 3 avfilter_inout_alloc 2 av_strdup u "
-     "avfilter_get_by_name 4 avfilter_graph_create_filter 4 avfilter_inout_alloc 2 av_strdup u "
+    {"avfilter_graph_alloc 1 " PICTURES ENTRY "u " PICTURES ENTRY "u " PICTURES_SINK ENTRY "u "
      "avfilter_graph_parse_ptr 5 avfilter_graph_config 6 " HANDLE,
      // The frame that FFmpeg found no buffer for has lost its size too: the source refuses it.
      {"av_frame_alloc 2 av_frame_get_buffer 2 av_buffersrc_add_frame 8",
@@ -89,30 +72,30 @@ const struct {
 
 // A session: a handle is made, two blocks go in, as planes and whole, and two come out.
 struct Step {
-    std::function<bool()> call;
     std::string sites;
+    std::function<bool()> call;
     int nValue = 0; // taken
 };
 std::vector<Step> Session(std::size_t k, Handle& h)
 {
     const Kind& kind = kKinds[k];
-    std::vector<Step> vec_Steps{
-        {[&] { return kind.cFamily == 's' ? AVFilter_VideoScale_Init(&h) : Create(kind, &h); },
-         kSites[k].szCreate}};
+    const auto& sites = kSites[k];
+    std::vector<Step> vec_Steps;
     if (kind.cFamily == 's') {
+        vec_Steps.push_back({sites.szCreate, [&h] { return AVFilter_VideoScale_Init(&h); }});
         vec_Steps.push_back(
-            {[&h] { return AVFilter_VideoScale_Set(h, 0, 64, 16, 0, 50, 16); }, kSites[k].szSend[0]});
+            {sites.szSend[0], [&h] { return AVFilter_VideoScale_Set(h, 0, 64, 16, 0, 50, 16); }});
+    } else {
+        vec_Steps.push_back({sites.szCreate, [&] { return jobs::Create(kind, &h, kSize); }});
     }
-    int nInput = 0;
     for (const int n : {40, 60, 41, 60}) {
         if (kind.Send != nullptr) {
             vec_Steps.push_back(
-                {[&, n, nInput] { return Send(kind, h, nInput, n); }, kSites[k].szSend[n % 2]});
-            nInput = 1 - nInput;
+                {sites.szSend[n % 2], [&, n] { return Send(kind, h, n == 60 ? 1 : 0, n); }});
         }
     }
     for (const int nValue : {100, 101}) {
-        vec_Steps.push_back({[&, nValue] { return Take(kind, h, nValue); }, kSites[k].szTake, nValue});
+        vec_Steps.push_back({sites.szTake, [&, nValue] { return Take(kind, h, nValue); }, nValue});
     }
     return vec_Steps;
 }
@@ -130,16 +113,15 @@ TEST_F(Faults, AreReportedWhereTheyHappenAndTheNextTrySucceeds)
             std::istringstream sites(step.sites);
             for (std::string function, outcome; sites >> function >> outcome;) {
                 vec_Functions.push_back(function);
-                if (outcome != "-") {
-                    vec_Outcomes.push_back(outcome);
-                }
+                vec_Outcomes.push_back(outcome);
             }
         }
+        std::erase(vec_Outcomes, "-");
         for (std::size_t n = 0; n < vec_Outcomes.size(); ++n) { // 0: none fails
             const std::string& outcome = vec_Outcomes[n];
             SCOPED_TRACE(testing::Message() << kind.szName << " " << n << " " << outcome);
             const auto has = [&outcome](char c) { return outcome.find(c) != std::string::npos; };
-            const test::KeepsMemoryByContract keeps(has('k'));
+            const KeepsMemoryByContract keeps(has('k'));
             h = 42;
             faults::Reset();
             faults::Fail("", static_cast<int>(n));
@@ -156,9 +138,9 @@ TEST_F(Faults, AreReportedWhereTheyHappenAndTheNextTrySucceeds)
                     continue;
                 }
                 if (!bDone) {
-                    ExpectFailure(
-                        bDone, has('u') ? test::kUnlinked : kind.nBase + std::stoul(outcome, nullptr, 16),
-                        !has('q'));
+                    const Handle nCode =
+                        has('u') ? kUnlinked : kind.nBase + std::stoul(outcome, nullptr, 16);
+                    ExpectFailure(bDone, nCode, !has('q'));
                     if (has('s')) {
                         queued.push_front(step.nValue);
                     } else if (has('l')) {
@@ -186,17 +168,17 @@ TEST_F(Faults, OfTheContainersLeaveTheCallAsAnException)
 {
     for (const Kind& kind : kKinds) {
         SCOPED_TRACE(kind.szName);
-        const test::KeepsMemoryByContract keeps(kind.cFamily == 'a');
+        const KeepsMemoryByContract keeps(kind.cFamily == 'a');
         bool bThrown = true;
         for (int nth = 1; bThrown; ++nth) {
             Handle h = 0;
             faults::FailNew(nth);
             try {
-                EXPECT_OK(Create(kind, &h));
+                EXPECT_OK(jobs::Create(kind, &h, kSize));
                 bThrown = false;
                 EXPECT_GT(nth, 1);
             } catch (const std::bad_alloc&) { // which leaves no lock behind
-                EXPECT_OK(Create(kind, &h));
+                EXPECT_OK(jobs::Create(kind, &h, kSize));
             }
             faults::Reset();
             EXPECT_TRUE(Work(kind, h));
@@ -209,12 +191,11 @@ TEST_F(Faults, RepeatedHandleKeepsTheOlderRecordAndSucceeds)
 {
     for (const Kind& kind : kKinds) {
         SCOPED_TRACE(kind.szName);
-        Handle hOlder = 0;
-        Handle hNewer = 0;
-        EXPECT_OK(Create(kind, &hOlder));
+        Handle hOlder = 0, hNewer = 0;
+        EXPECT_OK(jobs::Create(kind, &hOlder, kSize));
         faults::NextHandle(hOlder);
         {
-            const test::KeepsMemoryByContract keeps;
+            const KeepsMemoryByContract keeps;
             // A new scaler is set up by its handle, which would reach the older one here.
             EXPECT_OK(kind.cFamily == 's' ? AVFilter_VideoScale_Init(&hNewer)
                                           : jobs::Create(kind, &hNewer, {32, 16, 32}, 7));
@@ -243,36 +224,37 @@ TEST_F(Faults, WorkingCallsRunBesideEachOtherWhileThoseThatChangeTheFamilyWait)
         SCOPED_TRACE(std::string(kind.szName) + (bSend ? " sends" : " takes"));
         Handle hHandles[2] = {};
         for (Handle& h : hHandles) {
-            EXPECT_OK(Create(kind, &h));
+            EXPECT_OK(jobs::Create(kind, &h, kSize));
             EXPECT_TRUE(kind.Send == nullptr || (Send(kind, h, 0, 40) && Send(kind, h, 1, 60)));
         }
         const auto work = [&](Handle h) {
-            test::Bytes out(test::kCapacity);
-            int nOut = test::kCapacity;
-            return bSend ? Send(kind, h, 0, 40) : kind.Take(h, test::Filled(100), out.data(), &nOut);
+            Bytes out(kCapacity);
+            int nOut = kCapacity;
+            return bSend ? Send(kind, h, 0, 40) : kind.Take(h, Filled(100), out.data(), &nOut);
         };
-        Handle h = 0;
-        Handle hOther = 0;
+        Handle h = 0, hOther = 0;
         std::vector<std::future<bool>> vec_Waiting;
-        const auto within = [&] {
-            auto beside =
-                async([&] { return work(hHandles[1]) && Create(other, &hOther) && other.Destroy(hOther); });
-            EXPECT_EQ(beside.wait_for(20s), std::future_status::ready);
-            EXPECT_TRUE(beside.get());
-            vec_Waiting.push_back(async([&] { return Create(kind, &h) && kind.Destroy(h); }));
-            vec_Waiting.push_back(async([&] { return kind.Destroy(0); }));
-            if (kind.cFamily == 's') {
-                vec_Waiting.push_back(
-                    async([&] { return AVFilter_VideoScale_Set(hHandles[1], 0, 64, 16, 0, 32, 8); }));
-            }
-            for (std::future<bool>& waiting : vec_Waiting) {
-                EXPECT_EQ(waiting.wait_for(20ms), std::future_status::timeout);
-            }
-        };
         faults::Within(kind.cFamily == 's' ? "sws_scale"
                        : bSend             ? "av_buffersrc_add_frame"
                                            : "av_buffersink_get_frame",
-                       within);
+                       [&] {
+                           auto beside = async([&] {
+                               return work(hHandles[1]) && jobs::Create(other, &hOther, kSize) &&
+                                      other.Destroy(hOther);
+                           });
+                           EXPECT_TRUE(beside.wait_for(20s) == std::future_status::ready && beside.get());
+                           vec_Waiting.push_back(
+                               async([&] { return jobs::Create(kind, &h, kSize) && kind.Destroy(h); }));
+                           vec_Waiting.push_back(async([&] { return kind.Destroy(0); }));
+                           if (kind.cFamily == 's') {
+                               vec_Waiting.push_back(async([&] {
+                                   return AVFilter_VideoScale_Set(hHandles[1], 0, 64, 16, 0, 32, 8);
+                               }));
+                           }
+                           for (std::future<bool>& waiting : vec_Waiting) {
+                               EXPECT_EQ(waiting.wait_for(20ms), std::future_status::timeout);
+                           }
+                       });
         EXPECT_TRUE(work(hHandles[0]) && !vec_Waiting.empty());
         for (std::future<bool>& waiting : vec_Waiting) {
             EXPECT_TRUE(waiting.get());

@@ -12,16 +12,11 @@ using jobs::kKinds;
 inline constexpr jobs::Size kSize{64, 16, 64};
 inline constexpr int kCapacity = 1 << 13;
 inline unsigned char g_Out[kCapacity];
-inline int g_nOut; // the bytes in g_Out
-inline int g_nGot; // the value that they stand for
+inline int g_nGot; // the value that is in it
 
 inline Handle NotFound(const Kind& kind)
 {
     return kind.nBase + (kind.cFamily == 'a' ? 6 : 7);
-}
-inline bool Create(const Kind& kind, Handle* phHandle)
-{
-    return jobs::Create(kind, phHandle, kSize);
 }
 
 // A value as it is handed in. Odd ones are whole pictures; each has a block of its own, because a mix keeps to it.
@@ -42,10 +37,10 @@ inline bool Send(const Kind& kind, Handle h, int nInput, int nValue)
 inline bool Take(const Kind& kind, Handle h, int nValue)
 {
     std::memset(g_Out, 0xCD, sizeof(g_Out));
-    g_nOut = kCapacity;
-    const bool bDone = kind.Take(h, Filled(nValue), g_Out, &g_nOut);
+    int nOut = kCapacity;
+    const bool bDone = kind.Take(h, Filled(nValue), g_Out, &nOut);
     g_nGot = bDone ? g_Out[0] + (kind.cFamily == 'm' ? g_Out[kSize.nWidth] : 0) : -1;
-    EXPECT_EQ(bDone, g_nOut < kCapacity);
+    EXPECT_EQ(bDone, nOut < kCapacity);
     EXPECT_TRUE(bDone || std::all_of(g_Out, g_Out + kCapacity, [](int n) { return n == 0xCD; }));
     return bDone;
 }

@@ -9,21 +9,9 @@
 namespace
 {
 
-using test::Create;
-using test::ExpectFailure;
-using test::Handle;
-using test::Kind;
-using test::kKinds;
-using test::NotFound;
-using test::Send;
-using test::Take;
-using test::Work;
+using namespace test;
 
-bool HasError() noexcept
-{
-    return AVFilter_GetLastError(nullptr) != 0 || AVFilter_IsErrorOccur;
-}
-const bool g_bErrorAtStart = HasError();
+const bool g_bErrorAtStart = AVFilter_dwErrorCode != 0 || AVFilter_IsErrorOccur;
 
 TEST(Report, KeepsTheLastCodeAndTellsErrno)
 {
@@ -43,10 +31,9 @@ TEST(Handles, AreTakenByTheirFamilyAloneAndUnknownOnesAreNoError)
         for (const Kind& destroyer : kKinds) {
             SCOPED_TRACE(std::string(kind.szName) + " destroyed as " + destroyer.szName);
             Handle hHandle = 0;
-            EXPECT_OK(Create(kind, &hHandle));
-            for (const Handle hAny : {0ULL, 77ULL, ~0ULL, hHandle}) {
-                EXPECT_OK(destroyer.Destroy(hAny));
-            }
+            EXPECT_OK(jobs::Create(kind, &hHandle, kSize));
+            EXPECT_OK(destroyer.Destroy(~0ULL));
+            EXPECT_OK(destroyer.Destroy(hHandle));
             if (destroyer.cFamily != kind.cFamily) {
                 EXPECT_TRUE(Work(kind, hHandle));
                 EXPECT_OK(kind.Destroy(hHandle));
@@ -69,18 +56,18 @@ TEST(Handles, TenThousandCyclesKeepNoMemoryAndStartNoThread)
     for (const Kind& kind : kKinds) {
         SCOPED_TRACE(kind.szName);
         int nCycle = 0;
-        test::ExpectFlatMemory([&] {
+        ExpectFlatMemory([&] {
             Handle hHandle = 0;
-            ASSERT_TRUE(Create(kind, &hHandle) && Work(kind, hHandle));
+            ASSERT_TRUE(jobs::Create(kind, &hHandle, kSize) && Work(kind, hHandle));
             ASSERT_TRUE(kind.Send == nullptr || Send(kind, hHandle, 0, 101)); // something is left in it
             ASSERT_TRUE(kind.cFamily != 's' || AVFilter_VideoScale_Set(hHandle, 0, 64, 16, 0, 50, 16));
             ASSERT_TRUE(++nCycle > 1 || countThreads() == nBefore);
             ASSERT_TRUE(kind.Destroy(hHandle));
         });
     }
-    test::ExpectFlatMemory([] {
+    ExpectFlatMemory([] {
         Handle hHandle = 0;
-        ASSERT_FALSE(kKinds[jobs::kVideoFilter].Create(&hHandle, test::kSize, "[in]hflip[other]"));
+        ASSERT_FALSE(kKinds[jobs::kVideoFilter].Create(&hHandle, kSize, "[in]hflip[other]"));
     });
 }
 
@@ -95,23 +82,20 @@ TEST(Handles, TenThousandCyclesKeepNoMemoryAndStartNoThread)
 template <class Info>
 void ExpectBadCalls(const std::string& null, Info st_Info)
 {
-    SCOPED_TRACE(null);
-    const Kind& filter = test::KindOf<Info>(false);
-    const Kind& mix = test::KindOf<Info>(true);
-    const Handle kBad = filter.nBase + 1;
-    const Handle kUnknown = NotFound(filter);
-    const test::Graph<Info> aFilter(null, st_Info);
-    const test::Graph<Info> aMix(std::string("[in]").append(null).append("[out]"), {{st_Info}});
-    const Handle hFilter = aFilter.Get();
-    const Handle hMix = aMix.Get();
-    unsigned char* const out = test::g_Out;
+    constexpr auto kInit = jobs::kInit<Info>;
+    constexpr auto kMixInit = jobs::kMixInit<Info>;
+    const Kind& filter = KindOf<Info>(false);
+    const Kind& mix = KindOf<Info>(true);
+    const Handle kBad = filter.nBase + 1, kUnknown = NotFound(filter);
+    const Graph<Info> aFilter(null, st_Info);
+    const Graph<Info> aMix("[in]" + null + "[out]", {{st_Info}});
+    const Handle hFilter = aFilter.Get(), hMix = aMix.Get();
+    unsigned char* const out = g_Out;
     const jobs::Block in{out, {32, 16, 32}, false};
     const jobs::Block none{nullptr, in.size, true};
     Handle h = 42;
     int n = 77;
 
-    constexpr auto kInit = jobs::kInit<Info>;
-    constexpr auto kMixInit = jobs::kMixInit<Info>;
     BAD(kBad, kInit(nullptr, null.c_str(), &st_Info))
     BAD(kBad, kInit(&h, nullptr, &st_Info))
     BAD(kBad, kInit(&h, null.c_str(), nullptr))
@@ -121,10 +105,9 @@ void ExpectBadCalls(const std::string& null, Info st_Info)
     BAD(kUnknown, filter.Take(0, in, out, &n))
     BAD(kUnknown, filter.Take(hMix, in, out, &n))
 
-    test::Inputs<Info> good({st_Info, test::Named(st_Info, "b")});
-    test::Inputs<Info> withNull({st_Info, st_Info});
+    Inputs<Info> good({st_Info, Named(st_Info, "b")}), withNull({st_Info, st_Info});
     (*withNull.Get())[1] = nullptr;
-    test::Inputs<Info> endless({st_Info});
+    Inputs<Info> endless({st_Info});
     std::memset((*endless.Get())[0]->szName, 'a', sizeof(st_Info.szName));
     Info** ppNone = nullptr;
     const std::string text = "[in]" + null + "[out];[b]" + null + "sink";
@@ -160,13 +143,13 @@ void ExpectBadCalls(const std::string& null, Info st_Info)
 
 // By the mixing initialiser and, where the one input is "in", by the other.
 template <class Info>
-void ExpectRefused(const char* szDescr, std::vector<Info> vec_Infos, Handle nCode,
+void ExpectRefused(Handle nCode, const char* szDescr, std::vector<Info> vec_Infos,
                    const char* szOut = "out")
 {
     SCOPED_TRACE(szDescr);
-    const test::KeepsMemoryByContract keeps(nCode < AVFILTER_ERROR_VIDEO_INVALID_PARAM);
+    const KeepsMemoryByContract keeps(nCode < AVFILTER_ERROR_VIDEO_INVALID_PARAM);
     Handle h = 42;
-    test::Inputs<Info> inputs(vec_Infos);
+    Inputs<Info> inputs(vec_Infos);
     ExpectFailure(jobs::kMixInit<Info>(&h, inputs.Get(), inputs.Count(), szOut, szDescr), nCode);
     if (std::string(vec_Infos[0].szName) == "in") {
         ExpectFailure(jobs::kInit<Info>(&h, szDescr, vec_Infos.data()), nCode);
@@ -176,48 +159,39 @@ void ExpectRefused(const char* szDescr, std::vector<Info> vec_Infos, Handle nCod
 
 TEST(BadCalls, GraphsThatFFmpegRefuses)
 {
-    const auto audio = [](int nFormat, int nRate, int nChannels, const char* szDescr, Handle nCode) {
-        ExpectRefused(szDescr, std::vector{test::AudioInfo(nFormat, nRate, 480, nChannels)},
-                      AVFILTER_ERROR_AUDIO_INVALID_PARAM - 1 + nCode);
+    const auto audio = [](Handle nCode, int nFormat, int nRate, int nChannels,
+                          const char* szDescr = "anull") {
+        ExpectRefused(nCode, szDescr, std::vector{AudioInfo(nFormat, nRate, 480, nChannels)});
     };
-    audio(-1, 48000, 2, "anull", 3);
-    audio(999, 48000, 2, "anull", 3);
-    audio(test::kS16, -1, 2, "anull", 3);
-    audio(test::kS16, 48000, 0, "anull", 3);
-    audio(test::kS16, 48000, -2, "anull", 3);
-    audio(test::kS16, 48000, 2, "nosuchfilter", 4);
-    audio(test::kS16, 48000, 2, "[in]hflip[out]", 4);
-    audio(test::kS16, 48000, 2, "[in]anullsink", 5);
-    audio(test::kS16, 48000, 2, "[in]asplit[out][more]", 5);
+    audio(AVFILTER_ERROR_AUDIO_CREATE_FILTER, -1, 48000, 2);
+    audio(AVFILTER_ERROR_AUDIO_CREATE_FILTER, kS16, -1, 2);
+    audio(AVFILTER_ERROR_AUDIO_CREATE_FILTER, kS16, 48000, 0);
+    audio(AVFILTER_ERROR_AUDIO_PARSE_GRAPH, kS16, 48000, 2, "[in]hflip[out]");
+    audio(AVFILTER_ERROR_AUDIO_CONFIG_GRAPH, kS16, 48000, 2, "[in]asplit[out][more]");
 
-    using test::VideoInfo;
-    const AVFILTER_VIDEO_INFO st_B = test::Named(VideoInfo(16, 16), "b");
-    for (const auto& st_Bad :
-         {VideoInfo(0, 16), VideoInfo(16, 16, 0), VideoInfo(16, 16, 25, -1), VideoInfo(16, 16, 25, 9999)}) {
-        ExpectRefused("[in]null[out]", std::vector{st_Bad}, AVFILTER_ERROR_VIDEO_CREATE_SOURCE);
+    const auto video = ExpectRefused<AVFILTER_VIDEO_INFO>;
+    const AVFILTER_VIDEO_INFO st_A = VideoInfo(16, 16);
+    const AVFILTER_VIDEO_INFO st_B = Named(st_A, "b");
+    for (const auto& st_Bad : {VideoInfo(0, 16), VideoInfo(16, 16, 0), VideoInfo(16, 16, 25, -1)}) {
+        video(AVFILTER_ERROR_VIDEO_CREATE_SOURCE, "[in]null[out]", {st_Bad}, "out");
     }
-    const auto video = [&](const char* szDescr, const std::vector<AVFILTER_VIDEO_INFO>& vec_Infos,
-                           Handle nCode,
-                           const char* szOut = "out") { ExpectRefused(szDescr, vec_Infos, nCode, szOut); };
-    video("[in]nosuchfilter[out]", {VideoInfo(16, 16)}, AVFILTER_ERROR_VIDEO_PARSE_GRAPH);
-    video("[in]aresample[out]", {VideoInfo(16, 16)}, AVFILTER_ERROR_VIDEO_PARSE_GRAPH);
-    video("[in]null[other]", {VideoInfo(16, 16)}, test::kUnlinked);
-    video("[b]null[out]", {st_B}, test::kUnlinked, nullptr);
-    video("[b]null[out]", {st_B}, test::kUnlinked, "other");
-    video("[b]null[out]", {st_B, VideoInfo(16, 16)}, test::kUnlinked);
-    video("[b][in]hstack[out]", {st_B, VideoInfo(16, 8)}, AVFILTER_ERROR_VIDEO_CONFIG_GRAPH);
-    video("[b][in]hstack[out]", {st_B, VideoInfo(0, 8)}, AVFILTER_ERROR_VIDEO_CREATE_SOURCE);
+    video(AVFILTER_ERROR_VIDEO_PARSE_GRAPH, "[in]aresample[out]", {st_A}, "out");
+    video(kUnlinked, "[in]null[other]", {st_A}, "out");
+    video(kUnlinked, "[b]null[out]", {st_B}, nullptr);
+    video(kUnlinked, "[b]null[out]", {st_B}, "other");
+    video(kUnlinked, "[b]null[out]", {st_B, st_A}, "out");
+    video(AVFILTER_ERROR_VIDEO_CONFIG_GRAPH, "[b][in]hstack[out]", {st_B, VideoInfo(16, 8)}, "out");
+    video(AVFILTER_ERROR_VIDEO_CREATE_SOURCE, "[b][in]hstack[out]", {st_B, VideoInfo(0, 8)}, "out");
 }
 
 TEST(BadCalls, FailWithTheirCodeAndTouchNothing)
 {
-    ExpectBadCalls("anull", test::AudioInfo(test::kS16, 48000, 32, 2));
-    ExpectBadCalls("null", test::VideoInfo(32, 16));
+    ExpectBadCalls("anull", AudioInfo(kS16, 48000, 32, 2));
+    ExpectBadCalls("null", VideoInfo(32, 16));
 
     const Kind& scaler = kKinds[jobs::kScaler];
-    unsigned char* const out = test::g_Out;
-    Handle hUnset = 0;
-    Handle h = 42;
+    unsigned char* const out = g_Out;
+    Handle hUnset = 0, h = 42;
     int n = 77;
     EXPECT_OK(AVFilter_VideoScale_Init(&hUnset));
     BAD(AVFILTER_ERROR_VIDEO_INVALID_PARAM, AVFilter_VideoScale_Init(nullptr))
