@@ -2,15 +2,17 @@
 
 #include "support/graph.h"
 
+extern "C" {
+#include <libavutil/samplefmt.h>
+}
+
 #include <climits>
 #include <functional>
 
 namespace
 {
 
-using test::AudioGraph;
-using test::AudioInfo;
-using test::ExpectFailure;
+using namespace test;
 using Samples16 = std::vector<std::int16_t>;
 
 TEST(AudioFilter, ReportsTheLineSizeOfPlaneZero)
@@ -21,23 +23,19 @@ TEST(AudioFilter, ReportsTheLineSizeOfPlaneZero)
         std::size_t nBytes; // 0: more planes than a frame names, refused
         bool bPadded;       // a filter made a buffer of its own, which may be larger
     } kCases[] = {
-        {"[in]anull[out]", AudioInfo(test::kS16, 48000, 480, 2), 1920, false},
-        {"anull", AudioInfo(test::kFloat, 96000, 441, 6), 10584, false},
-        {"anull", AudioInfo(0, 8000, 1, 1), 1, false},
-        {"anull", AudioInfo(test::kS16Planar, 48000, 480, 8), 960, false},
-        {"anull", AudioInfo(test::kS16Planar, 48000, 480, 16), 0, false},
-        {"aresample=async=1", AudioInfo(test::kS16, 48000, 480, 1), 960, true},
-        {"aformat=sample_fmts=flt:channel_layouts=mono", AudioInfo(test::kS16, 48000, 480, 1), 1920, true},
-        {"aformat=sample_fmts=s16p:channel_layouts=stereo", AudioInfo(test::kS16, 48000, 480, 1), 960,
-         true},
+        {"[in]anull[out]", AudioInfo(AV_SAMPLE_FMT_FLT, 96000, 441, 6), 10584, false},
+        {"anull", AudioInfo(AV_SAMPLE_FMT_U8, 8000, 1, 1), 1, false},
+        {"anull", AudioInfo(kS16Planar, 48000, 480, 8), 960, false},
+        {"anull", AudioInfo(kS16Planar, 48000, 480, 16), 0, false},
+        {"aformat=sample_fmts=flt:channel_layouts=mono", AudioInfo(kS16, 48000, 480, 1), 1920, true},
+        {"aformat=sample_fmts=s16p:channel_layouts=stereo", AudioInfo(kS16, 48000, 480, 1), 960, true},
     };
-    for (const auto& st_Case : kCases) {
-        SCOPED_TRACE(st_Case.szDescr);
-        const AudioGraph filter(st_Case.szDescr, st_Case.st_Info);
+    for (const auto& st : kCases) {
+        const AudioGraph filter(st.szDescr, st.st_Info);
         for (int i = 0; i < 3; ++i) {
             const std::size_t nBytes = filter.Cvt<char>().size();
-            EXPECT_GE(nBytes, st_Case.nBytes);
-            EXPECT_LT(nBytes, st_Case.bPadded ? 2 * st_Case.nBytes : st_Case.nBytes + 1);
+            EXPECT_TRUE(nBytes == st.nBytes || (st.bPadded && nBytes > st.nBytes && nBytes < 2 * st.nBytes))
+                << st.szDescr << nBytes;
         }
     }
 }
@@ -47,7 +45,7 @@ TEST(AudioFilter, ReportsTheLineSizeOfPlaneZero)
 TEST(AudioFilter, QueuesWhatTheGraphMakesBeyondOneBlock)
 {
     const AudioGraph filter("asetpts=N,aeval=exprs=t:c=same,aformat=sample_fmts=flt,asetnsamples=n=120",
-                            AudioInfo(test::kS16, 48000, 480, 1));
+                            AudioInfo(kS16, 48000, 480, 1));
     for (int i = 0; i < 40; ++i) {
         // The receiving call of mixes takes this handle too, and counts without padding.
         const auto block = i < 10 ? filter.Cvt<float>() : filter.Recv<float>();
@@ -66,10 +64,9 @@ TEST(AudioFilter, AndMixReportUselessBlockLengthsWithoutTheFlag)
         constexpr unsigned long long kCode = AVFILTER_ERROR_AUDIO_FRAME_BUFFER;
         unsigned char byte = 0xCD;
         int nOut = 42;
-        const AudioGraph filter("anull", AudioInfo(test::kS16, 48000, nSamples, 2));
+        const AudioGraph filter("anull", AudioInfo(kS16, 48000, nSamples, 2));
         ExpectFailure(AVFilter_Audio_Cvt(filter.Get(), &byte, 1, &byte, &nOut), kCode, false);
-        ExpectFailure(AVFilter_Audio_Cvt(filter.Get(), &byte, 1, &byte, &nOut), kCode, false);
-        const test::KeepsMemoryByContract keeps;
+        const KeepsMemoryByContract keeps;
         ExpectFailure(AVFilter_Audio_MIXSend(filter.Get(), 0, &byte, 1), kCode, false);
         EXPECT_TRUE(nOut == 42 && byte == 0xCD);
     }
@@ -79,7 +76,7 @@ TEST(AudioFilter, AndMixReportUselessBlockLengthsWithoutTheFlag)
 Samples16 Signal(int nSamples, unsigned nSeed)
 {
     Samples16 samples;
-    for (const unsigned char n : test::Noise(static_cast<std::size_t>(nSamples), nSeed)) {
+    for (const unsigned char n : Noise(static_cast<std::size_t>(nSamples), nSeed)) {
         samples.push_back(static_cast<std::int16_t>(16 * n - 2048));
     }
     return samples;
@@ -92,7 +89,7 @@ TEST(AudioMix, IsTheExactSumAndOneHourOfItIsCompleteInFlatMemory)
     std::vector<Samples16> vec_Signals{Signal(9600, 8)};
     for (int i = 0; i < 8; ++i) {
         const std::string label(1, static_cast<char>('a' + i));
-        vec_Infos.push_back(test::Named(AudioInfo(test::kS16, 48000, 4800, 2), label, i));
+        vec_Infos.push_back(Named(AudioInfo(kS16, 48000, 4800, 2), label, i));
         vec_Signals.push_back(Signal(9600, static_cast<unsigned>(i)));
     }
     const AudioGraph mix("[a][b][c][d][e][f][g][h]amix=inputs=8:normalize=0,aformat=sample_fmts=s16[out]",
@@ -112,16 +109,16 @@ TEST(AudioMix, IsTheExactSumAndOneHourOfItIsCompleteInFlatMemory)
         }
         ASSERT_TRUE(AVFilter_Audio_MIXRecv(mix.Get(), pOut, &nOut));
         ASSERT_TRUE(nOut == 19200 && out == sum) << nBlock;
-        nBefore = nBlock == 3600 ? test::ResidentBytes() : nBefore;
+        nBefore = nBlock == 3600 ? ResidentBytes() : nBefore;
     }
 #ifndef TEST_WITH_LEAK_CHECK // which keeps what is freed for a while
-    EXPECT_LT(test::ResidentBytes(), nBefore + (std::size_t{512} << 10));
+    EXPECT_LT(ResidentBytes(), nBefore + (std::size_t{512} << 10));
 #endif
 }
 
 TEST(AudioMix, TakesShortBlocksAndRefusesOtherSizesWithoutLosingAny)
 {
-    const AudioGraph mix("[in]anull[out]", {{AudioInfo(test::kS16, 48000, 480, 2)}});
+    const AudioGraph mix("[in]anull[out]", {{AudioInfo(kS16, 48000, 480, 2)}});
     for (const int nBytes : {1921, INT_MAX, -1, INT_MIN}) {
         ExpectFailure(mix.Send(0, Samples16(1000), nBytes), AVFILTER_ERROR_AUDIO_INVALID_PARAM);
     }
@@ -140,7 +137,7 @@ TEST(AudioMix, RefusesPlanarOutputOfSeveralChannels)
     for (const int nSamples : {8, 4096}) {
         for (const int nChannels : {1, 2}) {
             const AudioGraph mix("[in]aformat=sample_fmts=s16p[out]",
-                                 {{AudioInfo(test::kS16, 48000, nSamples, nChannels)}});
+                                 {{AudioInfo(kS16, 48000, nSamples, nChannels)}});
             const auto block = Signal(nSamples * nChannels, 1);
             EXPECT_OK(mix.Send(0, block));
             EXPECT_EQ(mix.Recv<std::int16_t>(), nChannels == 1 ? block : Samples16());

@@ -99,8 +99,7 @@ TEST(Races, EveryThreadGetsItsOwnResults)
     std::vector<std::thread> threads = onAllThreads([&](unsigned t) {
         std::minstd_rand random(t + 1);
         for (int nRound = 0; nRound < 60 || Clock::now() - start < duration; ++nRound) {
-            const std::size_t k = random() % kKinds.size();
-            const std::size_t s = random() % kSizes.size();
+            const std::size_t k = random() % kKinds.size(), s = random() % kSizes.size();
             const Outputs outputs = OutputsOf(k, kSizes[s], t, 1 + static_cast<int>(random() % kMostCalls));
             nWrong += std::equal(outputs.begin(), outputs.end(), alone[t][k][s].begin()) ? 0 : 1;
             nWrong += Fail();

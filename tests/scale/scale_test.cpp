@@ -6,13 +6,9 @@
 namespace
 {
 
-using test::Bytes;
-using test::ExpectFailure;
-using test::GuardedBuffer;
+using namespace test;
 
-class Scaler : public testing::Test
-{
-  protected:
+struct Scaler : testing::Test {
     void SetUp() override { EXPECT_OK(AVFilter_VideoScale_Init(&m_hScaler)); }
     void TearDown() override { EXPECT_OK(AVFilter_VideoScale_Destory(m_hScaler)); }
 
@@ -55,12 +51,11 @@ TEST_F(Scaler, LooksAtTheRoomBeforeItWrites)
 
 TEST_F(Scaler, WorksFromTheFirstSuccessfulSetOn)
 {
-    const Bytes source = test::Noise(768);
+    const Bytes source = Noise(768);
     Bytes out(768);
-    const int refused[][6] = {
-        {0, 0, 4, 0, 64, 4},     {0, 64, 0, 0, 64, 4},    {0, 64, 4, 0, 0, 4},
-        {0, 64, 4, 0, 64, -1},   {-1, 64, 4, 0, 64, 4},   {0, 64, 4, -1, 64, 4},
-        {0, 64, 4, 9999, 64, 4}, {9999, 64, 4, 0, 64, 4}, {0, 64, 4, AV_PIX_FMT_PAL8, 64, 4}};
+    const int refused[][6] = {{0, 0, 4, 0, 64, 4},     {0, 64, 4, 0, 64, -1},
+                              {-1, 64, 4, 0, 64, 4},   {0, 64, 4, -1, 64, 4},
+                              {0, 64, 4, 9999, 64, 4}, {0, 64, 4, AV_PIX_FMT_PAL8, 64, 4}};
     for (const auto& set : refused) {
         int nLen = 768;
         ExpectFailure(Set(set), AVFILTER_ERROR_VIDEO_PARSE_GRAPH);

@@ -16,8 +16,7 @@ extern "C" {
 namespace
 {
 
-using test::Bytes;
-using test::GuardedBuffer;
+using namespace test;
 
 struct Size {
     int nWidth, nHeight;
@@ -62,7 +61,7 @@ std::size_t CopiedSize(const Conversion& st)
 // A picture of noise, within what the format's samples can hold.
 Bytes NoisePicture(AVPixelFormat format, Size size, unsigned nSeed)
 {
-    Bytes picture = test::Noise(TightSize(format, size), nSeed);
+    Bytes picture = Noise(TightSize(format, size), nSeed);
     const AVPixFmtDescriptor& st_Format = *av_pix_fmt_desc_get(format);
     const bool bBigEndian = (st_Format.flags & AV_PIX_FMT_FLAG_BE) != 0;
     const bool bFloat = (st_Format.flags & AV_PIX_FMT_FLAG_FLOAT) != 0;
@@ -98,9 +97,7 @@ Bytes Scale(SwsContext* pContext, const Conversion& st, const Bytes& picture)
 }
 
 // One handle for all conversions of a test, so that each set-up follows one of another format.
-class ScaleSweep : public testing::TestWithParam<int>
-{
-  protected:
+struct ScaleSweep : testing::TestWithParam<int> {
     void SetUp() override { ASSERT_TRUE(AVFilter_VideoScale_Init(&m_hScaler)); }
     void TearDown() override { AVFilter_VideoScale_Destory(m_hScaler); }
 
@@ -141,8 +138,7 @@ class ScaleSweep : public testing::TestWithParam<int>
 
 constexpr int kWidths[] = {1,  2,  3,  5,  6,  7,  8,  9,  10, 12, 14, 15, 16,  17,  18,  20,  24,
                            30, 31, 33, 34, 40, 47, 48, 50, 63, 65, 68, 82, 427, 720, 850, 1366};
-constexpr int kHeights[] = {1, 2, 3, 4, 5, 7, 8};
-constexpr int kSlices = 16;
+constexpr int kHeights[] = {1, 2, 3, 4, 5, 7, 8}, kSlices = 16;
 
 // Every pair of formats, each at a size of its own that it keeps and at another that it changes.
 TEST_P(ScaleSweep, EveryPairOfFormats)
@@ -152,7 +148,7 @@ TEST_P(ScaleSweep, EveryPairOfFormats)
         const auto dst = static_cast<AVPixelFormat>(nPair % AV_PIX_FMT_NB);
         if (nPair % kSlices == GetParam() && sws_isSupportedInput(src) != 0 &&
             sws_isSupportedOutput(dst) != 0) {
-            const Bytes n = test::Noise(6, static_cast<unsigned>(nPair));
+            const Bytes n = Noise(6, static_cast<unsigned>(nPair));
             const auto size = [&n](std::size_t i) {
                 return Size{kWidths[n[i] % std::size(kWidths)], kHeights[n[i + 1] % std::size(kHeights)]};
             };

@@ -28,14 +28,13 @@ bool IsFromLibrary(void* pCaller)
     return dladdr(pCaller, &st_Caller) != 0 && st_Caller.dli_fbase == pLibrary;
 }
 
-// The log's own memory is there.
-struct Unfailing {
-    Unfailing() = default;
-    Unfailing(const Unfailing&) = delete;
-    Unfailing& operator=(const Unfailing&) = delete;
-    ~Unfailing() { faults::s_nFailNew = nFailNew; }
-    int nFailNew = std::exchange(faults::s_nFailNew, 0);
-};
+// Whose own memory is there.
+void Log(const std::string& call)
+{
+    const int nFailNew = std::exchange(faults::s_nFailNew, 0);
+    faults::s_Log.push_back(call);
+    faults::s_nFailNew = nFailNew;
+}
 
 // Whether this call is to fail.
 bool Enter(const char* szFunction, void* pCaller)
@@ -44,10 +43,8 @@ bool Enter(const char* szFunction, void* pCaller)
         return false;
     }
     std::unique_lock lock(g_Mutex);
-    const Unfailing unfailing;
-    faults::s_Log.emplace_back(szFunction);
-    if (faults::s_szWithin == szFunction) {
-        faults::s_szWithin.clear();
+    Log(szFunction);
+    if (faults::s_Within != nullptr && faults::s_szWithin == szFunction) {
         const auto within = std::exchange(faults::s_Within, nullptr);
         lock.unlock();
         within();
@@ -63,12 +60,10 @@ bool Enter(const char* szFunction, void* pCaller)
 
 void faults::Reset()
 {
-    s_nFail = 0;
-    s_nFailNew = 0;
-    s_szWithin.clear();
+    s_nFail = s_nFailNew = s_nFailed = 0;
+    s_Within = nullptr;
     s_hNext = 0;
     s_Log.clear();
-    s_nFailed = 0;
 }
 
 // One override: its declaration, how it fails, and the arguments to pass on. It has FFmpeg's name for the
@@ -122,12 +117,12 @@ OVERRIDE(sws_scale,
 extern "C" bool BaseLib_OperatorHandle_Create(unsigned long long* phHandle, unsigned long long nLower,
                                               unsigned long long nUpper, int nOption)
 {
-    static const auto real = reinterpret_cast<decltype(&BaseLib_OperatorHandle_Create)>(
-        dlsym(RTLD_NEXT, "BaseLib_OperatorHandle_Create"));
+    constexpr const char* kName = "BaseLib_OperatorHandle_Create";
+    static const auto real =
+        reinterpret_cast<decltype(&BaseLib_OperatorHandle_Create)>(dlsym(RTLD_NEXT, kName));
     const std::lock_guard lock(g_Mutex);
-    const Unfailing unfailing;
-    faults::s_Log.emplace_back("BaseLib_OperatorHandle_Create(" + std::to_string(nLower) + ',' +
-                               std::to_string(nUpper) + ',' + std::to_string(nOption) + ')');
+    Log(kName + ('(' + std::to_string(nLower) + ',' + std::to_string(nUpper) + ',' +
+                 std::to_string(nOption) + ')'));
     const bool bDone = real(phHandle, nLower, nUpper, nOption);
     if (faults::s_hNext != 0) {
         *phHandle = std::exchange(faults::s_hNext, 0ULL);

@@ -21,9 +21,7 @@ using Handle = unsigned long long;
 
 // Of pictures (4:2:0) in pixels, even ones, and of blocks (16 bits, stereo, 48 kHz) in samples per channel.
 struct Size {
-    int nWidth;
-    int nHeight;
-    int nSamples;
+    int nWidth, nHeight, nSamples;
 
     int Luma() const { return nWidth * nHeight; }
     int Picture() const { return Luma() * 3 / 2; }

