@@ -430,7 +430,9 @@ Length Input::Measure(bool bDecode) const
         length.n += nSamples;
     }
     std::sort(length.times.begin(), length.times.end());
-    return length;
+    const bool bTold = m_Form.kind == AVMEDIA_TYPE_AUDIO ||
+                       (!length.times.empty() && length.times.front() != AV_NOPTS_VALUE);
+    return bTold ? length : Measure(true);
 }
 
 void Input::Start(std::vector<bool> passed, double dUntil, Pass pass)

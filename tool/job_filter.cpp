@@ -141,10 +141,6 @@ Lane Measured(Input& input, bool bDecode)
         return lane;
     }
     lane.length = input.Measure(bDecode);
-    if (bVideo && !bDecode &&
-        (lane.length->times.empty() || lane.length->times.front() == AV_NOPTS_VALUE)) {
-        lane.length = input.Measure(true);
-    }
     const std::vector<int64_t>& times = lane.length->times;
     const AVRational base = input.Stream().time_base;
     const AVRational mean = input.Stream().avg_frame_rate;

@@ -214,10 +214,8 @@ void Output::SetVideo(const Outcome& outcome)
                           ? AVRational{1, 1000}
                           : outcome.timeBase;
     codec.sample_aspect_ratio = outcome.seen->sample_aspect_ratio;
-    if ((pixels.flags & AV_PIX_FMT_FLAG_RGB) == 0) {
-        codec.color_range = outcome.seen->color_range;
-        codec.colorspace = outcome.seen->colorspace;
-    }
+    codec.color_range = outcome.seen->color_range;
+    codec.colorspace = outcome.seen->colorspace;
     codec.color_primaries = outcome.seen->color_primaries;
     codec.color_trc = outcome.seen->color_trc;
     if (std::string_view(m_pEncoder->name) == "libx264") {
