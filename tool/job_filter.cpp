@@ -42,7 +42,9 @@ std::string Head(const Options& options, const Input& input)
     const AVRational base = input.Stream().time_base;
     const std::string turn = TurnOf(input.Stream());
     return fmt::format("settb={}/{}{}{}", base.num, base.den, turn.empty() ? "" : ",", turn) +
-           (dLength > 0 ? fmt::format(",tpad=stop_mode=clone:stop_duration={}", dLength) : "");
+           (dLength > 0 ? fmt::format(",tpad=stop_mode=clone:stop_duration={}", dLength) : "") +
+           // waveform and its like want to see one format right in front of them
+           fmt::format(",format={}", av_get_pix_fmt_name(input.Gives().picture.format));
 }
 
 // Bits of its samples in the file; 0: not known.
