@@ -5,6 +5,7 @@
 #include "Telvane_AVFilter.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <mutex>
@@ -29,10 +30,10 @@ bool IsFromLibrary(void* pCaller)
 }
 
 // Whose own memory is there.
-void Log(const std::string& call)
+void Log(const char* szCall)
 {
     const int nFailNew = std::exchange(faults::s_nFailNew, 0);
-    faults::s_Log.push_back(call);
+    faults::s_Log.emplace_back(szCall);
     faults::s_nFailNew = nFailNew;
 }
 
@@ -121,8 +122,10 @@ extern "C" bool BaseLib_OperatorHandle_Create(unsigned long long* phHandle, unsi
     static const auto real =
         reinterpret_cast<decltype(&BaseLib_OperatorHandle_Create)>(dlsym(RTLD_NEXT, kName));
     const std::lock_guard lock(g_Mutex);
-    Log(kName + ('(' + std::to_string(nLower) + ',' + std::to_string(nUpper) + ',' +
-                 std::to_string(nOption) + ')'));
+    char szCall[128];
+    static_cast<void>(
+        std::snprintf(szCall, sizeof(szCall), "%s(%llu,%llu,%d)", kName, nLower, nUpper, nOption));
+    Log(szCall);
     const bool bDone = real(phHandle, nLower, nUpper, nOption);
     if (faults::s_hNext != 0) {
         *phHandle = std::exchange(faults::s_hNext, 0ULL);
