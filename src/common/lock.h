@@ -24,7 +24,7 @@ inline constexpr std::size_t kCacheLine = 64;
 class FamilyLock
 {
   public:
-    static constexpr unsigned kPatience = 8;
+    static constexpr unsigned kPatience = 4;
 
     // Enters the lock among those that a fork goes through.
     FamilyLock() noexcept;

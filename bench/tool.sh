@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# speed.sh TOOL [ROUNDS]: the tool beside the ffmpeg command, on the same files with the same encoders. Prints
+# bench/tool.sh TOOL [ROUNDS]: the tool beside the ffmpeg command, on the same files with the same encoders. Prints
 # a table of seconds, of the clock and of processors: the median of the rounds, taken in turn.
 set -euo pipefail
 tool=$(realpath "$1")
