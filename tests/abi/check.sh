@@ -16,7 +16,7 @@ trap 'rm -rf "$work"' EXIT
 
 {
     for library in "${libraries[@]}"; do
-        soname=$(readelf -d "$library" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
+        soname=$("${READELF:-readelf}" -d "$library" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
         "${NM:-nm}" -D --defined-only "$library" | sed -e 's/@.*//' -e 's/ [TW] / function /' -e 's/ [BDRV] / object /' |
             sed "s/^[0-9a-f]* */$soname /" | LC_ALL=C sort
     done

@@ -35,7 +35,8 @@ class GuardedBuffer
     explicit GuardedBuffer(std::size_t nSize, unsigned char nFill = 0xCD)
         : m_nSize(nSize), m_nPage(static_cast<std::size_t>(sysconf(_SC_PAGESIZE)))
     {
-        m_nUsable = (nSize + m_nPage - 1) / m_nPage * m_nPage;
+        m_nUsable = (std::max<std::size_t>(nSize, 1) + m_nPage - 1) / m_nPage *
+                    m_nPage; // an emulator's mprotect refuses 0
         void* const pBase =
             mmap(nullptr, m_nUsable + 2 * m_nPage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         m_pBase = static_cast<unsigned char*>(pBase);
