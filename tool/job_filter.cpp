@@ -403,8 +403,10 @@ class Job
     void Start()
     {
         const int64_t nPassed = m_nPassed.exchange(0); // before, if this is the second time
-        const double dLength = m_Options.output.dLength;
-        const double dUntil = dLength > 0 ? dLength : kForever;
+        double dUntil = kForever;
+        if (m_Options.output.dLength > 0) {
+            dUntil = m_Options.output.dLength;
+        }
         for (std::size_t i = 0; i < m_Inputs.size(); ++i) {
             m_Inputs[i]->Start(i == m_nOthers ? m_Wanted : std::vector<bool>(), dUntil,
                                [this, nPassed](PacketPtr packet) {
