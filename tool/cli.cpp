@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <malloc.h>
 #include <new>
-#include <regex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -69,24 +68,29 @@ int Report(Exit exit, const std::string& what)
 // "640x360", "640x" or "x360": a side that is missing follows the other one.
 std::string ScaleFilter(const std::string& size)
 {
-    std::smatch sides;
-    FailIf(!std::regex_match(size, sides, std::regex("(\\d*)x(\\d*)")) || size == "x", kUsage,
-           "\"{}\" is no size: 640x360, 640x or x360", size);
-    const auto side = [&](std::size_t i) { return sides.length(i) > 0 ? sides.str(i) : "-1"; };
-    return fmt::format("scale={}:{}:flags=bilinear", side(1), side(2));
+    const std::size_t nCross = std::min(size.find('x'), size.size());
+    const std::string width = size.substr(0, nCross);
+    const std::string height = size.substr(std::min(nCross + 1, size.size()));
+    FailIf(nCross == size.size() || size == "x" ||
+               (width + height).find_first_not_of("0123456789") != std::string::npos,
+           kUsage, "\"{}\" is no size: 640x360, 640x or x360", size);
+    return fmt::format("scale={}:{}:flags=bilinear", width.empty() ? "-1" : width,
+                       height.empty() ? "-1" : height);
 }
 
 void Prepare(Arguments& arguments, const Command& command)
 {
     Options& options = arguments.options;
     for (const std::string& text : arguments.named) {
-        std::smatch parts;
-        FailIf(!std::regex_match(text, parts, std::regex("(?!out=)(\\w{1,40})=([\\s\\S]*)")), kUsage,
-               "--in {}: write NAME=FILE, the name in letters, digits and _, not out", text);
+        const std::size_t nEqual = text.find('=');
+        const std::string name = text.substr(0, nEqual);
+        FailIf(nEqual == std::string::npos || name.empty() || name.size() > 40 || name == "out" ||
+                   name.find_first_not_of(kNameLetters) != std::string::npos,
+               kUsage, "--in {}: write NAME=FILE, the name in letters, digits and _, not out", text);
         for (const Source& other : options.inputs) {
-            FailIf(other.name == parts.str(1), kUsage, "two inputs are named {}", other.name);
+            FailIf(other.name == name, kUsage, "two inputs are named {}", name);
         }
-        options.inputs.push_back({parts.str(1), parts.str(2), arguments.from, ""});
+        options.inputs.push_back({name, text.substr(nEqual + 1), arguments.from, ""});
     }
     if (options.inputs.empty()) {
         options.inputs.push_back({"in", arguments.input, arguments.from, ""});

@@ -13,7 +13,6 @@ extern "C" {
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <regex>
 #include <unistd.h>
 
 namespace tool
@@ -43,10 +42,19 @@ std::array<char, 4096> g_Remove{};
 volatile std::sig_atomic_t g_nRemove = 0;
 
 // What users wrote as "fps" is "Parsed_fps_4" in FFmpeg's messages.
-std::string WithTheirNames(const std::string& text)
+std::string WithTheirNames(std::string text)
 {
-    static const std::regex name("Parsed_(\\w+?)(_\\d+)?(?!\\w)");
-    return std::regex_replace(text, name, "$1");
+    constexpr std::string_view kBefore = "Parsed_";
+    for (std::size_t n = text.find(kBefore); n != std::string::npos; n = text.find(kBefore, n)) {
+        text.erase(n, kBefore.size());
+        const std::size_t nEnd = std::min(text.find_first_not_of(kNameLetters, n), text.size());
+        const std::size_t nBar = text.rfind('_', nEnd);
+        if (nBar != std::string::npos && nBar > n &&
+            text.find_first_not_of("0123456789", nBar + 1) >= nEnd) {
+            text.erase(nBar, nEnd - nBar);
+        }
+    }
+    return text;
 }
 
 void OnLog(void* pContext, int nLevel, const char* szFormat, va_list args)

@@ -28,6 +28,9 @@ enum Exit : int {
     kInterrupted = 130, // Ctrl-C, TERM, HUP: the output holds what was done until then, if anything
 };
 
+// Of labels, and of FFmpeg's names for filters.
+constexpr const char* kNameLetters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_";
+
 class Failure : public std::runtime_error
 {
   public:
