@@ -30,7 +30,7 @@ sed -n 's/^#define \(AVFILTER_ERROR_[A-Z_]*\) .*/CODE(\1);/p' "$header" >"$work/
 "${CC:-cc}" -std=c11 -I ../../include -I "$work" -o "$work/layouts" layouts.c
 ${EMULATOR:+"$EMULATOR"} "$work/layouts" >"$work/layouts.txt"
 {
-    readelf -d "${libraries[0]}" | sed -n 's/.*(NEEDED).*\[\(lib\(av\|sw\|postproc\|Telvane\).*\)\.so.*/library \1/p'
+    "${READELF:-readelf}" -d "${libraries[0]}" | sed -n 's/.*(NEEDED).*\[\(lib\(av\|sw\|postproc\|Telvane\).*\)\.so.*/library \1/p'
     pkg-config --exists libpostproc || echo library libpostproc # from FFmpeg 8 on there is none
     "${NM:-nm}" -D --undefined-only "${libraries[0]}" | sed -nE 's/@.*//; s/.* ((av|sw|pp_|postproc|BaseLib).*)/function \1/p'
 } | LC_ALL=C sort >"$work/needs.txt"
