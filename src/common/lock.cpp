@@ -75,9 +75,14 @@ void FamilyLock::Leave()
 {
     const std::lock_guard queue(m_Queue);
     if (--m_nWriters == 0) {
+        const bool bByRight = m_nReaders > 0;
         m_nAdmitted += std::exchange(m_nReaders, 0);
         ++m_nTurn;
-        m_nTurn.notify_all();
+        if (bByRight) {
+            m_nTurn.notify_all();
+        } else {
+            m_nTurn.notify_one(); // which wakes the next
+        }
     }
     if (--m_nInside == 0) {
         m_bOpen = true;
@@ -93,6 +98,7 @@ void FamilyLock::WaitForTurn(std::atomic<unsigned>& mark)
     for (;;) {
         const unsigned nTurn = m_nTurn;
         if (!IsWriters(nTurn)) {
+            m_nTurn.notify_one();
             return;
         }
         --mark;
@@ -107,6 +113,7 @@ void FamilyLock::WaitForTurn(std::atomic<unsigned>& mark)
     const unsigned nTurn = m_nTurn;
     if (!IsWriters(nTurn)) {
         ++mark;
+        m_nTurn.notify_one();
         return;
     }
     ++m_nReaders;

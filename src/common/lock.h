@@ -6,7 +6,8 @@
 //   comes, the readers that had come before it, and the others of its own batch. Batches rather than single
 //   turns, because one long conversion then delays N destroying calls once, not N times. The lock is free
 //   between two turns of writers for whoever runs first, because handing it to a sleeping thread lets all
-//   others wait for the scheduler; but a reader that has lost kPatience times gets in by right.
+//   others wait for the scheduler; but a reader that has lost kPatience times gets in by right. Readers
+//   that wait are woken one by another, because all at once would push the writer off its processor.
 // - Readers on different threads do not write to the same cache line.
 // - It can be used at any time: before its constructor's turn, while the process exits (nothing of it is
 //   destroyed), and in the child of a fork.
@@ -24,7 +25,7 @@ inline constexpr std::size_t kCacheLine = 64;
 class FamilyLock
 {
   public:
-    static constexpr unsigned kPatience = 4;
+    static constexpr unsigned kPatience = 16;
 
     // Enters the lock among those that a fork goes through.
     FamilyLock() noexcept;
