@@ -36,7 +36,7 @@ cmake -B build/demo -G Ninja -DCMAKE_BUILD_TYPE=Release -DTELVANE_BUILD_TOOLS=ON
 cmake --build build/demo
 if [[ ! -f build/media/complete ]]; then
     echo "== clips, photographs and voices: downloading forensics-samples-files and alsa-utils, not installing them"
-    tests/tool/media.sh build/media
+    scripts/media.sh build/media
 fi
 media=build/media
 length=${main:+5}

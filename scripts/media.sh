@@ -4,7 +4,7 @@
 set -euo pipefail
 directory=$1
 # shellcheck source=scripts/deps.sh
-source "$(dirname "${BASH_SOURCE[0]}")/../../scripts/deps.sh"
+source "$(dirname "${BASH_SOURCE[0]}")/deps.sh"
 
 if [[ -f $directory/complete ]]; then
     exit 0
