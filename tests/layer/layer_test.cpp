@@ -6,6 +6,7 @@
 #include "support/jobs.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <new>
 #include <string>
 #include <type_traits>
@@ -74,6 +75,7 @@ TEST(Layer, OutputsStayInTheBufferWhateverTheDescription)
          {"[in]nullsink;testsrc2=s=640x480[out]", 64},
          {"[in]split[a][b];[a]scale=64:64[out];[b]nullsink", 8},
          {"[in]metadata=mode=add:key=k:value='v[out]", 8}, // the quote swallows the label
+         {"metadata=mode=add:key=k:value=v\\", 8},
          // Past the layer's own end, or into it:
          {"[in]null[out];[telvane_out]scale=400:400[telvane_out]", kByLayer},
          {"[in]null[out];[tel'vane'_out]scale=400:400[telvane\\_out]", kByLayer},
@@ -82,6 +84,7 @@ TEST(Layer, OutputsStayInTheBufferWhateverTheDescription)
          {std::string("hflip\0,vflip", 12), kByLayer},
          {" \n", kByLayer},
          {"reverse", kByLayer}, // of a stream without end
+         {"palettegen", kByLayer},
          {"[in]split[out][out]", kByFFmpeg},
          {"hflip[x]", kByFFmpeg},
          {"[in]hflip[out]\\", kByFFmpeg}});
@@ -172,6 +175,7 @@ TEST(Layer, PicturesComeInColourNumberAndTimeAsFFmpegGivesThem)
     ExpectAsFFmpeg({"framepack=frameseq"}, even, {4, 4});
     ExpectAsFFmpeg({"trim=end_frame=3"}, {kSmall, {1, 1}}, {7});
     ExpectAsFFmpeg({"null"}, even, {0});
+    ExpectAsFFmpeg({"null"}, {.picture = kSmall, .times = {0}, .toldRate = {25}}, {0});
     ExpectAsFFmpeg({"null"}, {.picture = kSmall, .times = {0, 1, 3}, .timeBase = {1, 1}}, {3});
     ExpectAsFFmpeg({"histogram"}, {{AV_PIX_FMT_RGB24, 16, 8}}, {2});
     ExpectAsFFmpeg({"setpts=PTS+1,drawbox=t=fill:enable=gt(t\\,0.1)"}, film, {3});
@@ -195,6 +199,10 @@ TEST(Layer, PicturesComeInColourNumberAndTimeAsFFmpegGivesThem)
     }
     EXPECT_EQ(filter.Receive(Bytes(buffer)).state, State::kEnd);
     EXPECT_EQ(CodeOf([&] { filter.Send(Bytes(buffer)); }), AVFILTER_ERROR_VIDEO_INVALID_PARAM);
+    for (const auto& file : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const bool bTimes = read_symlink(file).string().starts_with("/memfd:telvane");
+        EXPECT_TRUE(!bTimes || file_size(file) < 8192); // however many have been told
+    }
 }
 
 // Streams of unknown length: what comes comes, and what would wait for ever is refused.
@@ -326,6 +334,7 @@ TEST(Layer, WhatCannotBeIsRefusedBeforeTheCall)
         expect([&] { AudioFilter(kAudio, "anull", bad); });
     }
     expect([] { VideoMixer({{"a]", kVideo}}, "null"); });
+    expect([] { VideoMixer({{std::string("a\0", 2), kVideo}}, "null"); });
     expect([] { VideoMixer({}, "testsrc"); });
     EXPECT_EQ(CodeOf([&] { video.VideoMixer::Send(1, all.first(768)); }), AVFILTER_ERROR_VIDEO_NOT_FOUND);
 }
@@ -346,6 +355,13 @@ TEST(Layer, LackOfMemoryIsNotTakenForNoOutput)
     expect("av_buffersrc_add_frame", AVFILTER_ERROR_AUDIO_SEND_FRAME, [&] { audio.Send(bytes); });
     video.Send(picture);
     EXPECT_TRUE(video.Receive(bytes));
+    VideoStream one = kVideo;
+    one.length = 1;
+    VideoFilter last(one, "null");
+    last.Send(picture);
+    EXPECT_TRUE(last.Receive(bytes));
+    faults::Fail("av_buffersink_get_frame", 2);
+    EXPECT_EQ(CodeOf([&] { static_cast<void>(last.Receive(bytes)); }), AVFILTER_ERROR_VIDEO_RECEIVE_FRAME);
 }
 
 template <class T>
