@@ -142,11 +142,10 @@ class VideoGraph : public Graph<AVFILTER_VIDEO_INFO>
   public:
     using Graph::Graph;
 
-    bool Send(int nInputId, Picture& picture, bool bWhole = false) const
+    bool Send(int nInputId, Picture& picture) const
     {
-        return AVFilter_Video_MIXSend(Get(), nInputId, picture.Plane(0),
-                                      bWhole ? nullptr : picture.Plane(1), picture.Plane(2), picture.nLuma,
-                                      picture.nChroma, picture.nChroma);
+        return AVFilter_Video_MIXSend(Get(), nInputId, picture.Plane(0), picture.Plane(1), picture.Plane(2),
+                                      picture.nLuma, picture.nChroma, picture.nChroma);
     }
     // One picture through a filter, or through input 0 of a mix, from memory that can only be read.
     Bytes Run(Picture picture, bool bWhole, bool bMix = false) const

@@ -152,19 +152,6 @@ TEST(VideoMix, InputsArePairedByTheTimeThatEachCountsForItself)
     }
 }
 
-// A whole picture is the graph's to write into until it is received; separate planes are copied.
-TEST(VideoMix, WhoseBytesFiltersWriteInto)
-{
-    const VideoGraph mix("[a]negate[out]", {{Named(VideoInfo(32, 8), "a")}});
-    const Picture original(32, 8);
-    Picture sent = original;
-    EXPECT_OK(mix.Send(0, sent));
-    const Bytes copied = mix.Recv();
-    EXPECT_TRUE(sent.bytes == original.bytes && copied != original.bytes);
-    EXPECT_OK(mix.Send(0, sent, true));
-    EXPECT_TRUE(mix.Recv() == copied && sent.bytes == copied);
-}
-
 TEST(VideoMix, APictureThatCannotBeHandedOutIsKept)
 {
     const VideoGraph mix("[a]null[out]", {{Named(VideoInfo(16, 4), "a")}});
