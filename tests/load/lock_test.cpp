@@ -6,13 +6,13 @@
 
 #include <atomic>
 #include <chrono>
-#include <deque>
 #include <fstream>
 #include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace
 {
@@ -21,20 +21,14 @@ namespace
 class Lock : public testing::Test
 {
   protected:
-    void TearDown() override
-    {
-        for (std::thread& thread : m_Threads) {
-            thread.join();
-        }
-    }
-    // A small letter shares the lock, a capital one has it alone. Comes back when the thread waits, or is through.
+    // A small letter shares the lock, a capital one has it alone. Comes back when the thread waits, or is gone.
     void Come(
         char c, const std::function<void()>& inside = [] {})
     {
         std::atomic<int> nThread = 0;
-        std::atomic<bool>& bThrough = m_Through.emplace_back(false);
-        m_Threads.emplace_back([this, c, inside, &nThread, &bThrough] {
+        m_Threads.emplace_back([this, c, inside, &nThread] {
             nThread = gettid();
+            nThread.notify_one();
             c < 'a' ? s_Lock.lock() : s_Lock.lock_shared();
             {
                 const std::lock_guard lock(m_Mutex);
@@ -42,14 +36,13 @@ class Lock : public testing::Test
             }
             inside();
             c < 'a' ? s_Lock.unlock() : s_Lock.unlock_shared();
-            bThrough = true;
         });
-        for (int nAsleep = 0; nAsleep < 20 && !bThrough;) {
+        nThread.wait(0);
+        std::string word = "started";
+        for (int nAsleep = 0; nAsleep < 20 && !word.empty(); nAsleep = word == "S" ? nAsleep + 1 : 0) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            std::string word;
-            std::ifstream stat("/proc/self/task/" + std::to_string(nThread) + "/stat");
-            stat >> word >> word >> word;
-            nAsleep = word == "S" ? nAsleep + 1 : 0;
+            word.clear();
+            std::ifstream("/proc/self/task/" + std::to_string(nThread) + "/stat") >> word >> word >> word;
         }
     }
     std::string Order()
@@ -63,8 +56,7 @@ class Lock : public testing::Test
   private:
     std::mutex m_Mutex;
     std::string m_Order;
-    std::deque<std::atomic<bool>> m_Through;
-    std::deque<std::thread> m_Threads;
+    std::vector<std::jthread> m_Threads;
 };
 
 TEST_F(Lock, TakesWritersInBatches)

@@ -6,9 +6,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <functional>
+#include <deque>
 #include <future>
-#include <memory>
 #include <thread>
 #include <vector>
 
@@ -21,30 +20,24 @@ using jobs::Kind;
 constexpr jobs::Size kSmall{64, 48, 480};
 
 // Whether the work comes to its end beside threads that repeat something else. It does in any case once they stop.
-bool EndsBeside(const std::vector<std::function<void()>>& others, const std::function<void()>& work)
+template <class Once, class Work>
+bool EndsBeside(std::size_t nOthers, const Once& once, const Work& work)
 {
-    std::atomic<bool> bStop = false;
     std::atomic<int> nRounds = 0;
-    std::vector<std::thread> vec_Threads;
-    vec_Threads.reserve(others.size());
-    for (const auto& once : others) {
-        vec_Threads.emplace_back([&] {
-            for (; !bStop; ++nRounds) {
-                once();
+    std::future<void> future; // waited for when the others are gone
+    std::vector<std::jthread> others;
+    for (std::size_t i = 0; i < nOthers; ++i) {
+        others.emplace_back([&, i](const std::stop_token& stop) {
+            for (; !stop.stop_requested(); ++nRounds) {
+                once(i);
             }
         });
     }
     while (nRounds < 20) {
         std::this_thread::yield();
     }
-    std::future<void> future = std::async(std::launch::async, work);
-    const bool bEnded = future.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
-    bStop = true;
-    for (std::thread& thread : vec_Threads) {
-        thread.join();
-    }
-    future.get();
-    return bEnded;
+    future = std::async(std::launch::async, work);
+    return future.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
 }
 
 // One kind of each family.
@@ -58,16 +51,17 @@ INSTANTIATE_TEST_SUITE_P(Family, Waits, testing::Values(jobs::kAudioMix, jobs::k
 TEST_P(Waits, HandlesComeAndGoWhileOthersConvert)
 {
     // All of them before the first conversion starts: creating is what is tested.
-    std::vector<std::function<void()>> others;
+    std::deque<Job> others;
     for (unsigned i = 0; i < 4; ++i) {
-        others.emplace_back(
-            [job = std::make_shared<Job>(m_Kind, jobs::Size{640, 360, 24000}, i)] { job->Convert(); });
+        others.emplace_back(m_Kind, jobs::Size{640, 360, 24000}, i);
     }
-    EXPECT_TRUE(EndsBeside(others, [&] {
-        for (int i = 0; i < 30; ++i) {
-            Job(m_Kind, kSmall, 1);
-        }
-    }));
+    EXPECT_TRUE(EndsBeside(
+        others.size(), [&](std::size_t i) { others[i].Convert(); },
+        [&] {
+            for (int i = 0; i < 30; ++i) {
+                Job(m_Kind, kSmall, 1);
+            }
+        }));
 }
 
 // So many conversions take less than a second beside eight threads; with a lock that only prefers writers
@@ -75,16 +69,14 @@ TEST_P(Waits, HandlesComeAndGoWhileOthersConvert)
 TEST_P(Waits, ConversionsGetThroughWhileHandlesComeAndGo)
 {
     Job job(m_Kind, kSmall, 1);
-    const auto comeAndGo = [&] {
-        {
-            const Job come(m_Kind, kSmall, 1);
-        }
+    const auto comeAndGo = [&](std::size_t) {
+        Job(m_Kind, kSmall, 1);
         // Graphs are built outside the lock: it would be free most of the time.
         for (int k = 0; k < 1000; ++k) {
             jobs::Demand(m_Kind.Destroy(0), m_Kind.szName);
         }
     };
-    EXPECT_TRUE(EndsBeside(std::vector<std::function<void()>>(8, comeAndGo), [&] {
+    EXPECT_TRUE(EndsBeside(8, comeAndGo, [&] {
         for (int i = 0; i < 300; ++i) {
             job.Convert();
         }
