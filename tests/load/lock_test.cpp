@@ -102,6 +102,8 @@ TEST_F(Lock, LetsAReaderInThatHasLostOften)
     }
     s_Lock.unlock();
     EXPECT_LT(nTurns, 5 * common::FamilyLock::kPatience);
+    Come('B'); // who was let in by right has left
+    EXPECT_EQ(Order(), "aB");
 }
 
 } // namespace

@@ -25,10 +25,13 @@ constexpr jobs::Size kSmall{64, 48, 480};
 // Made before the exit, and released after the library's own end.
 jobs::Job* g_pLate = nullptr;
 
-void OneOfEach()
+void OneOfEach(jobs::Size size = kSmall)
 {
     for (const jobs::Kind& kind : jobs::kKinds) {
-        jobs::Job(kind, kSmall, 1).Convert();
+        jobs::Job job(kind, size, 1);
+        for (int i = 0; i < 5; ++i) {
+            job.Convert();
+        }
     }
 }
 
@@ -48,35 +51,23 @@ void AtTheVeryEnd()
 void KeepBusy()
 {
     static std::atomic<int> nStarted = 0;
-    for (const jobs::Kind& kind : jobs::kKinds) {
-        std::thread([&kind] {
+    for (std::size_t i = 0; i < jobs::kKinds.size(); ++i) {
+        std::thread([] {
             for (;; ++nStarted) {
-                jobs::Job job(kind, {640, 360, 24000}, 1);
-                for (int i = 0; i < 5; ++i) {
-                    job.Convert();
-                }
+                OneOfEach({640, 360, 24000});
             }
         }).detach();
     }
-    while (nStarted < 10) {
+    while (nStarted < 5) {
         std::this_thread::yield();
     }
-}
-
-// A child that is killed if it hangs.
-pid_t Fork()
-{
-    const pid_t pid = fork();
-    if (pid == 0) {
-        alarm(20);
-    }
-    return pid;
 }
 
 // In the child: works, and ends. In the parent: whether the child came so far.
 bool WorksIn(pid_t pid)
 {
     if (pid == 0) {
+        alarm(20); // if it hangs
         OneOfEach();
         _exit(0);
     }
@@ -95,13 +86,13 @@ constexpr int kForks = 3;
 TEST(Process, ForksAndExitsWhileCallsRunAndServesTheLast)
 {
     for (int i = 0; i < 8; ++i) {
-        EXPECT_EXIT(
+        ASSERT_EXIT(
             {
                 alarm(30);
                 g_pLate = new jobs::Job(jobs::kKinds[jobs::kScaler], kSmall, 1);
                 KeepBusy();
                 for (int nFork = 0; nFork < kForks; ++nFork) {
-                    jobs::Demand(WorksIn(Fork()), "fork");
+                    jobs::Demand(WorksIn(fork()), "fork");
                 }
                 std::exit(0);
             },
@@ -116,7 +107,8 @@ TEST(Process, ForksInsideItsOwnCalls)
     static pid_t child = -1;
     av_log_set_callback([](void*, int, const char*, va_list) {
         if (std::exchange(bFork, false)) {
-            child = Fork();
+            child = fork();
+            alarm(child == 0 ? 20 : 0); // if it hangs
         }
     });
     jobs::Kind mix = jobs::kKinds[jobs::kAudioMix];
