@@ -237,22 +237,18 @@ struct Machine {
         return Rarely() ? nullptr : p;
     }
     Slot& AnySlot() { return m_Slots[Below(m_Slots.size())]; }
-    // The first value, a small number or an extreme one.
+    // The first value, a small number, or one around a power of two, of either sign.
     int Number(int nUsual = 0)
     {
-        static constexpr int kExtremes[] = {INT_MIN, INT_MAX, -1,   1 << 30,     65535, 65536,
-                                            16384,   1 << 20, -2,   256,         1920,  INT_MIN + 1,
-                                            4097,    -25,     1080, INT_MAX - 63};
         const auto n = m_Data.ConsumeIntegral<std::uint8_t>();
-        const int nSmall = m_Data.ConsumeIntegralInRange(0, 239);
-        return n < 128 ? nUsual : n < 250 ? nSmall : kExtremes[nSmall % 16];
+        const auto nSmall = m_Data.ConsumeIntegralInRange(0U, 239U);
+        return n < 128 ? nUsual : static_cast<int>(n < 250 ? nSmall : (1U << nSmall % 32) - Below(65));
     }
     int AnyId() { return m_Data.ConsumeIntegralInRange(-1, 2); }
     void FillIn(AVFILTER_AUDIO_INFO& st_Info)
     {
-        constexpr int kRates[] = {48000, 44100, 8000, 16000, 96000, 1, 0, -1, INT_MAX, 22050, 1000000, 7};
         const int nFormat = m_Data.ConsumeIntegralInRange(-1, 13);
-        st_Info = {{}, nFormat, m_Data.PickValueInArray(kRates), Number(480), Number(2), 0, 0};
+        st_Info = {{}, nFormat, Number(48000), Number(480), Number(2), 0, 0};
     }
     void FillIn(AVFILTER_VIDEO_INFO& st_Info)
     {
@@ -284,13 +280,8 @@ struct Machine {
 struct Operation {
     bool (Machine::*run)();
     Handle nBase;
-    std::vector<Handle> digits;
-    std::vector<Handle> quiet = {};
-
-    bool Has(const std::vector<Handle>& list) const
-    {
-        return std::find(list.begin(), list.end(), AVFilter_dwErrorCode - nBase) != list.end();
-    }
+    std::set<Handle> digits;
+    std::set<Handle> quiet = {};
 };
 constexpr Handle kA = 0x80F0000, kV = 0x80F1000;
 const std::vector<Operation> kOperations{
@@ -317,8 +308,9 @@ void Machine::Run()
         if ((this->*operation.run)()) {
             jobs::Demand(!AVFilter_IsErrorOccur && AVFilter_dwErrorCode == 0, "a report after success");
         } else {
-            jobs::Demand(operation.Has(operation.digits), "the code is not in the list");
-            jobs::Demand(AVFilter_IsErrorOccur || operation.Has(operation.quiet), "the flag is down");
+            const Handle nDigit = AVFilter_dwErrorCode - operation.nBase;
+            jobs::Demand(operation.digits.contains(nDigit), "the code is not in the list");
+            jobs::Demand(AVFilter_IsErrorOccur || operation.quiet.contains(nDigit), "the flag is down");
         }
     }
 }

@@ -1,6 +1,6 @@
 // All jobs at once on many threads, handles coming and going, failing calls among them. Every thread checks what
-// comes out of its own handles against what came out of the same job alone. Meant for ThreadSanitizer as much as
-// for the content.
+// comes out of its own handles against what came out before, and in the end against the same job alone. Meant for
+// ThreadSanitizer as much as for the content.
 //
 // With SOAK_SECONDS in the environment it goes on for so long, and the memory must not grow after a sixth of it.
 
@@ -17,7 +17,6 @@ extern "C" {
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <iterator>
 #include <random>
 #include <thread>
 #include <vector>
@@ -30,16 +29,16 @@ using Clock = std::chrono::steady_clock;
 using Outputs = std::vector<test::Bytes>;
 
 constexpr std::array<jobs::Size, 3> kSizes{{{96, 64, 480}, {16, 16, 64}, {322, 182, 1024}}};
-constexpr unsigned kThreads = 8;
-constexpr int kMostCalls = 12;
+constexpr std::size_t kJobs = kKinds.size() * kSizes.size();
+constexpr std::size_t kMostCalls = 12;
 
-Outputs OutputsOf(std::size_t nKind, jobs::Size size, unsigned nSeed, int nCalls)
+Outputs OutputsOf(std::size_t nJob, unsigned nSeed, std::size_t nCalls)
 {
-    jobs::Job job(kKinds.at(nKind), size, nSeed);
-    Outputs outputs;
-    while (nCalls-- > 0) {
+    jobs::Job job(kKinds.at(nJob / kSizes.size()), kSizes.at(nJob % kSizes.size()), nSeed);
+    Outputs outputs(nCalls);
+    for (test::Bytes& output : outputs) {
         job.Convert();
-        outputs.push_back(job.Output());
+        output = job.Output();
     }
     return outputs;
 }
@@ -65,46 +64,25 @@ TEST(Races, EveryThreadGetsItsOwnResults)
     av_log_set_level(AV_LOG_QUIET);
     const char* const szSeconds = std::getenv("SOAK_SECONDS");
     const std::chrono::duration<double> duration(szSeconds == nullptr ? 0 : std::atof(szSeconds));
-    const auto onAllThreads = [](auto work) {
-        std::vector<std::thread> threads;
-        for (unsigned t = 0; t < kThreads; ++t) {
-            threads.emplace_back(work, t);
-        }
-        return threads;
-    };
-    const auto join = [](std::vector<std::thread> threads) {
-        std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
-    };
-    // Before anything else, so that FFmpeg's first-time initialisation runs in several threads at once.
-    std::array<std::array<Outputs, kKinds.size()>, kThreads> early;
-    join(onAllThreads([&](unsigned t) {
-        for (std::size_t k = 0; k < kKinds.size(); ++k) {
-            early[t][k] = OutputsOf(k, kSizes[0], t, kMostCalls);
-        }
-    }));
-
-    std::array<std::array<std::array<Outputs, kSizes.size()>, kKinds.size()>, kThreads> alone;
-    for (unsigned t = 0; t < kThreads; ++t) {
-        for (std::size_t k = 0; k < kKinds.size(); ++k) {
-            for (std::size_t s = 0; s < kSizes.size(); ++s) {
-                alone[t][k][s] = OutputsOf(k, kSizes[s], t, kMostCalls);
-            }
-            EXPECT_EQ(early[t][k], alone[t][k][0]) << kKinds[k].szName << ", thread " << t;
-        }
-    }
-    EXPECT_NE(alone[0], alone[1]);
-
     const auto start = Clock::now();
+    std::array<std::array<Outputs, kJobs>, 8> first;
     std::atomic<int> nWrong = 0;
-    std::vector<std::thread> threads = onAllThreads([&](unsigned t) {
-        std::minstd_rand random(t + 1);
-        for (int nRound = 0; nRound < 60 || Clock::now() - start < duration; ++nRound) {
-            const std::size_t k = random() % kKinds.size(), s = random() % kSizes.size();
-            const Outputs outputs = OutputsOf(k, kSizes[s], t, 1 + static_cast<int>(random() % kMostCalls));
-            nWrong += std::equal(outputs.begin(), outputs.end(), alone[t][k][s].begin()) ? 0 : 1;
-            nWrong += Fail();
-        }
-    });
+    std::vector<std::jthread> threads;
+    for (unsigned t = 0; t < first.size(); ++t) {
+        threads.emplace_back([&, t] {
+            // So that FFmpeg's first-time initialisation runs in several threads at once.
+            for (std::size_t nJob = 0; nJob < kJobs; ++nJob) {
+                first[t][nJob] = OutputsOf(nJob, t, kMostCalls);
+            }
+            std::minstd_rand random(t + 1);
+            for (int nRound = 0; nRound < 60 || Clock::now() - start < duration; ++nRound) {
+                const std::size_t nJob = random() % kJobs;
+                const Outputs outputs = OutputsOf(nJob, t, 1 + random() % kMostCalls);
+                nWrong += std::equal(outputs.begin(), outputs.end(), first[t][nJob].begin()) ? 0 : 1;
+                nWrong += Fail();
+            }
+        });
+    }
     // The highest of each sixth: the threads' own buffers come and go.
     std::array<std::size_t, 6> most{};
     for (std::size_t i = 0; duration.count() > 0 && i < most.size(); ++i) {
@@ -116,8 +94,15 @@ TEST(Races, EveryThreadGetsItsOwnResults)
                     nWrong.load(), most[i] / 1024);
         EXPECT_LE(most[i], most[0] + most[0] / 50) << "the memory grows";
     }
-    join(std::move(threads));
+    threads.clear();
     EXPECT_EQ(nWrong, 0);
+    for (std::size_t nJob = 0; nJob < kJobs; ++nJob) {
+        for (unsigned t = 0; t < first.size(); ++t) {
+            EXPECT_EQ(first[t][nJob], OutputsOf(nJob, t, kMostCalls))
+                << kKinds[nJob / kSizes.size()].szName << ", thread " << t;
+        }
+    }
+    EXPECT_NE(first[0], first[1]);
 }
 
 } // namespace

@@ -17,24 +17,19 @@ done
 
 # One file per block, numbered.
 awk -v work="$work" '/^```sh$/ { file = sprintf("%s/%03d.sh", work, ++n); next } /^```$/ { file = "" } file { print > file }' "$page"
-blocks=0 failed=0
+fail() {
+    echo "$1: $(cat "$block" "$work/log")"
+    exit 1
+}
 for block in "$work"/*.sh; do
     touch "$work/before"
-    if ! bash -euo pipefail "$block" >"$work/log" 2>&1; then
-        echo "FAILED: $(cat "$block" "$work/log")"
-        failed=$((failed + 1))
-    fi
+    bash -euo pipefail "$block" >"$work/log" 2>&1 || fail FAILED
     made=$(find . -type f -newer "$work/before")
-    [[ -n $made ]] || { echo "NOTHING MADE: $(cat "$block")" && failed=$((failed + 1)); }
+    [[ -n $made ]] || fail "NOTHING MADE"
     for file in $made; do
         # Decoded to its end, without a complaint, and longer than nothing.
-        if ! frames=$(ffprobe -v error -count_frames -show_entries stream=nb_read_frames -of csv=p=0 "$file" 2>&1) ||
-            ! grep -qE '^[1-9][0-9]*,?$' <<<"$frames" || grep -qvE '^[1-9][0-9]*,?$' <<<"$frames"; then
-            echo "BAD FILE: $file: $frames: $(cat "$block")"
-            failed=$((failed + 1))
-        fi
+        frames=$(ffprobe -v error -count_frames -show_entries stream=nb_read_frames -of csv=p=0 "$file" 2>&1) &&
+            [[ $frames =~ ^([1-9][0-9]*,?[[:space:]]*)+$ ]] || fail "BAD FILE $file: $frames"
     done
-    blocks=$((blocks + 1))
 done
-echo "$blocks blocks, $failed failures"
-((failed == 0 && blocks >= 25))
+[[ $block > $work/035 ]] || fail "TOO FEW BLOCKS"
