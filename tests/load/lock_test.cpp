@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <future>
 #include <thread>
@@ -13,48 +12,59 @@
 namespace
 {
 
+using namespace std::chrono_literals;
+
 common::FamilyLock g_Lock;
 
-// The writer is awake and takes the lock again at once, the reader must be woken: it would lose each time.
-TEST(Lock, LetsAReaderInThatHasLostOften)
+std::future<void> Read(int nTimes)
 {
-    constexpr unsigned kMost = 5 * common::FamilyLock::kPatience;
-    std::atomic<bool> bIn = false;
+    return std::async(std::launch::async, [nTimes] {
+        for (int i = 0; i < nTimes; ++i) {
+            g_Lock.lock_shared();
+            g_Lock.unlock_shared();
+        }
+    });
+}
+
+void ExpectEnd(const std::future<void>& future)
+{
+    EXPECT_EQ(future.wait_for(20s), std::future_status::ready);
+}
+
+TEST(Lock, LetsAllInThatWait)
+{
     g_Lock.lock();
     EXPECT_FALSE(g_Lock.try_lock());
-    std::thread reader([&bIn] {
-        g_Lock.lock_shared();
-        bIn = true;
-        g_Lock.unlock_shared();
-    });
+    const std::future<void> readers[] = {Read(1), Read(1), Read(1)};
+    std::this_thread::sleep_for(50ms);
+    g_Lock.unlock();
+    for (const std::future<void>& reader : readers) {
+        ExpectEnd(reader);
+    }
+    // The writer is awake and takes the lock again at once, the reader must be woken: it would lose each time.
+    constexpr unsigned kMost = 5 * common::FamilyLock::kPatience;
+    g_Lock.lock();
+    const std::future<void> late = Read(1);
     unsigned nTurns = 0;
-    for (; !bIn && nTurns < kMost; ++nTurns) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    for (; late.wait_for(5ms) != std::future_status::ready && nTurns < kMost; ++nTurns) {
         g_Lock.unlock();
         g_Lock.lock();
     }
     EXPECT_LT(nTurns, kMost);
     g_Lock.unlock();
-    reader.join();
-    // Of writers that never pause each batch closes, and all are told of those that leave.
-    std::vector<std::jthread> vec_Others;
-    for (int i = 0; i < 8; ++i) {
-        vec_Others.emplace_back([](const std::stop_token& stop) {
-            while (!stop.stop_requested()) {
-                g_Lock.lock();
-                g_Lock.unlock();
-            }
-        });
-    }
-    const auto future = std::async(std::launch::async, [] {
-        for (int i = 0; i < 1000; ++i) {
-            g_Lock.lock_shared();
-            g_Lock.unlock_shared();
+    // Of writers that never pause each batch closes; a single one is told of a reader that draws back.
+    for (const int nWriters : {1, 8}) {
+        std::vector<std::jthread> writers;
+        for (int i = 0; i < nWriters; ++i) {
+            writers.emplace_back([](const std::stop_token& stop) {
+                while (!stop.stop_requested()) {
+                    g_Lock.lock();
+                    g_Lock.unlock();
+                }
+            });
         }
-    });
-    EXPECT_EQ(future.wait_for(std::chrono::seconds(20)), std::future_status::ready);
-    vec_Others.clear();
-
+        ExpectEnd(Read(nWriters == 1 ? 100000 : 1000));
+    }
     g_Lock.lock_shared();
     EXPECT_FALSE(g_Lock.try_lock());
     g_Lock.unlock_shared();
