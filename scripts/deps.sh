@@ -9,7 +9,7 @@ BUILD_PACKAGES=(
 )
 TOOL_PACKAGES=(libcli11-dev libfmt-dev)
 PYTHON_PACKAGES=(pybind11-dev python3-dev)
-TEST_PACKAGES=(libgtest-dev ffmpeg bsdutils mypy python3-numpy)
+TEST_PACKAGES=(libgtest-dev ffmpeg mypy python3-numpy)
 CHECK_PACKAGES=(clang clang-format clang-tidy doxygen shellcheck valgrind)
 BENCH_PACKAGES=(libyuv-dev libzimg-dev ffmpeg)
 CONSUMER_PACKAGES=(make python3-pip python3-pybind11 python3-setuptools python3-wheel)

@@ -57,21 +57,6 @@ TEST(AudioFilter, QueuesWhatTheGraphMakesBeyondOneBlock)
     EXPECT_TRUE(filter.Recv().empty());
 }
 
-// Creation lets these through; the working calls report them without the flag.
-TEST(AudioFilter, AndMixReportUselessBlockLengthsWithoutTheFlag)
-{
-    for (const int nSamples : {0, -1}) {
-        constexpr unsigned long long kCode = AVFILTER_ERROR_AUDIO_FRAME_BUFFER;
-        unsigned char byte = 0xCD;
-        int nOut = 42;
-        const AudioGraph filter("anull", AudioInfo(kS16, 48000, nSamples, 2));
-        ExpectFailure(AVFilter_Audio_Cvt(filter.Get(), &byte, 1, &byte, &nOut), kCode, false);
-        const KeepsMemoryByContract keeps;
-        ExpectFailure(AVFilter_Audio_MIXSend(filter.Get(), 0, &byte, 1), kCode, false);
-        EXPECT_TRUE(nOut == 42 && byte == 0xCD);
-    }
-}
-
 // Values whose sums over eight inputs fit.
 Samples16 Signal(int nSamples, unsigned nSeed)
 {

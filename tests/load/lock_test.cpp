@@ -26,11 +26,6 @@ std::future<void> Read(int nTimes)
     });
 }
 
-void ExpectEnd(const std::future<void>& future)
-{
-    EXPECT_EQ(future.wait_for(20s), std::future_status::ready);
-}
-
 TEST(Lock, LetsAllInThatWait)
 {
     g_Lock.lock();
@@ -39,7 +34,7 @@ TEST(Lock, LetsAllInThatWait)
     std::this_thread::sleep_for(50ms);
     g_Lock.unlock();
     for (const std::future<void>& reader : readers) {
-        ExpectEnd(reader);
+        EXPECT_EQ(reader.wait_for(20s), std::future_status::ready);
     }
     // The writer is awake and takes the lock again at once, the reader must be woken: it would lose each time.
     constexpr unsigned kMost = 5 * common::FamilyLock::kPatience;
@@ -63,7 +58,7 @@ TEST(Lock, LetsAllInThatWait)
                 }
             });
         }
-        ExpectEnd(Read(nWriters == 1 ? 100000 : 1000));
+        EXPECT_EQ(Read(nWriters == 1 ? 100000 : 1000).wait_for(20s), std::future_status::ready);
     }
     g_Lock.lock_shared();
     EXPECT_FALSE(g_Lock.try_lock());

@@ -190,7 +190,6 @@ failures)
     refused 5 'labels here: \[in\] and \[out\]' video '[foo]hflip' "$clip" out.mp4
     refused 5 'does not use \[b\]' mix-audio '[a]anull' --in "a=$clip" --in "b=$clip" out.wav
     refused 5 'fps: ' video fps=x "$clip" out.mp4
-    refused 5 'Media type mismatch' video volume=2 "$clip" out.mp4
     refused 5 'cannot know "pict_type"' video "select='eq(pict_type,I)'" "$clip" out.mp4
     refused 3 'no-such-file.mp4: No such file' video null no-such-file.mp4 out.mp4
     refused 3 'holds no pictures' video null "$media/Front_Left.wav" out.mp4
@@ -199,7 +198,6 @@ failures)
     refused 4 'with --pass none' video null "$clip" out.webm
     refused 2 'does not tell an output format' video null "$clip" out.xyz
     refused 2 'without end' video scale=16:16,loop=-1:5 "$clip" out.y4m
-    refused 2 'is required' video null
     refused 2 'no command "vidio"; say first what to do: audio, ' vidio null "$clip" out.mp4
     refused 2 '-nosuch: neither' video null "$clip" out.mp4 -nosuch 3
     refused 2 'is no size' scale 64x64zz "$clip" out.mp4
@@ -261,12 +259,6 @@ terminal)
     done
     run video null "$media/clip.mp4" out.y4m >report 2>&1
     [[ ! -s report ]] || fail "messages in a pipe: $(cat report)"
-    if script -qec true /dev/null </dev/null >report 2>&1; then
-        script -qec "'$tool' video null '$media/cam.mp4' out.mp4" /dev/null </dev/null >report
-        grep -q "times as fast as it plays" report || fail "no progress on a terminal: $(cat report)"
-    else
-        exit 77 # no pseudo-terminals here
-    fi
     ;;
 *)
     fail "no test is called $name"
