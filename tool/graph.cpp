@@ -84,10 +84,12 @@ End SourceOf(const std::string& label, const Form& form, AVRational base, AVRati
                                    av_get_sample_fmt_name(form.audio.format), LayoutName(form.layout))};
     }
     return {label,
-            fmt::format("video_size={}x{}:pix_fmt={}:time_base={}/{}:frame_rate={}/{}:pixel_aspect={}/{}{}",
+            fmt::format("video_size={}x{}:pix_fmt={}:time_base={}/{}:frame_rate={}/{}:pixel_aspect={}/{}:"
+                        "range={}:colorspace={}",
                         form.picture.width, form.picture.height, av_get_pix_fmt_name(form.picture.format),
                         base.num, base.den, rate.num, rate.den, first.sample_aspect_ratio.num,
-                        std::max(1, first.sample_aspect_ratio.den), ColourArguments(first))};
+                        std::max(1, first.sample_aspect_ratio.den), static_cast<int>(first.color_range),
+                        static_cast<int>(first.colorspace))};
 }
 
 GraphPtr BuildGraph(AVMediaType kind, const std::vector<End>& sources, const std::string& text,
@@ -109,14 +111,14 @@ GraphPtr BuildGraph(AVMediaType kind, const std::vector<End>& sources, const std
         *pOpen = {av_strdup(end.label.c_str()), pFilter, 0, pList};
         pList = pOpen;
         ends.push_back(pFilter);
-        // As the ffmpeg command does, where there is such an option.
-        static_cast<void>(av_opt_set_int(pFilter, "all_channel_counts", 1, AV_OPT_SEARCH_CHILDREN));
-        CheckText(avfilter_init_str(pFilter, end.arguments.c_str()));
+        Dictionary arguments; // some of which not all versions and kinds know
+        av_dict_parse_string(arguments.At(), end.arguments.c_str(), "=", ":", 0);
+        CheckText(avfilter_init_dict(pFilter, arguments.At()));
     };
     for (const End& source : sources) {
         add("buffer", source, pOutputs);
     }
-    add("buffersink", {"out", ""}, pInputs);
+    add("buffersink", {"out", "all_channel_counts=1"}, pInputs); // as the ffmpeg command says
     CheckText(avfilter_graph_parse_ptr(graph.get(), text.c_str(), &pInputs, &pOutputs, nullptr));
     RefuseUnknowable(*graph);
     RefuseOpen(sources, pInputs, pOutputs);

@@ -88,7 +88,7 @@ std::optional<FileId> IdOf(const std::string& path)
 struct {
     std::mutex mutex;
     std::set<FileId> ids;
-    decltype(AVFormatContext::io_open) pOpen = nullptr; // FFmpeg's own
+    std::atomic<decltype(AVFormatContext::io_open)> pOpen = nullptr; // FFmpeg's own
 } g_Opened;
 
 int Open(AVFormatContext* pFormat, AVIOContext** ppIo, const char* szUrl, int nFlags,
@@ -96,13 +96,11 @@ int Open(AVFormatContext* pFormat, AVIOContext** ppIo, const char* szUrl, int nF
 {
     constexpr std::string_view kFile = "file:";
     const std::string url = szUrl;
-    std::unique_lock lock(g_Opened.mutex);
     if (const auto id = IdOf(url.starts_with(kFile) ? url.substr(kFile.size()) : url)) {
+        const std::scoped_lock lock(g_Opened.mutex);
         g_Opened.ids.insert(*id);
     }
-    const auto pOpen = g_Opened.pOpen;
-    lock.unlock(); // opening a pipe may take long
-    return pOpen(pFormat, ppIo, szUrl, nFlags, ppOptions);
+    return g_Opened.pOpen.load()(pFormat, ppIo, szUrl, nFlags, ppOptions);
 }
 
 // The samples in a packet, without decoding it.
@@ -152,9 +150,7 @@ Demuxer::Demuxer(const Source& source) : m_Source(source)
                                                                      : path;
     AVFormatContext* pContext = NotNull(avformat_alloc_context());
     pContext->interrupt_callback.callback = [](void*) { return IsInterrupted() ? 1 : 0; };
-    std::unique_lock lock(g_Opened.mutex);
     g_Opened.pOpen = std::exchange(pContext->io_open, Open);
-    lock.unlock();
     Check(avformat_open_input(&pContext, url.c_str(), pFormat, options.At()), kInput, path);
     m_Format.reset(pContext);
     FailIf(!options.First().empty(), kUsage, "--from {}: {} has no option \"{}\"", source.format,
