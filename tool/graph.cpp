@@ -126,7 +126,7 @@ GraphPtr BuildGraph(AVMediaType kind, const std::vector<End>& sources, const std
     return graph;
 }
 
-Outcome Preview(const std::vector<std::unique_ptr<Input>>& inputs, const std::string& text)
+Outcome Preview(const Inputs& inputs, const std::string& text)
 {
     ForgetLog();
     MuteLog(true);
@@ -155,9 +155,6 @@ Outcome Preview(const std::vector<std::unique_ptr<Input>>& inputs, const std::st
     Outcome out;
     out.form.kind = kind;
     out.timeBase = av_buffersink_get_time_base(pSink);
-    char* szDump = avfilter_graph_dump(graph.get(), nullptr);
-    out.dump = szDump != nullptr ? szDump : "";
-    av_free(szDump);
     if (!bVideo) {
         AVChannelLayout layout{};
         Check(av_buffersink_get_ch_layout(pSink, &layout), kOther, "the channel layout");

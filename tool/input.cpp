@@ -309,14 +309,12 @@ std::string TurnOf(const AVStream& stream)
     if (pMatrix == nullptr) {
         return {};
     }
-    const auto isSet = [&](int i) { return std::abs(pMatrix[i]) >= 0x8000; };
-    if (isSet(1) && isSet(3) && !isSet(0) && !isSet(4)) {
+    // As quarters, mirrored or not; what is turned by less stays as it is.
+    if (std::abs(pMatrix[1]) > std::abs(pMatrix[0])) {
         const bool bFlip = (pMatrix[1] > 0) == (pMatrix[3] > 0);
-        return fmt::format("transpose={}{}", pMatrix[3] < 0 ? "clock" : "cclock", bFlip ? "_flip" : "");
+        return fmt::format(",transpose={}{}", pMatrix[3] < 0 ? "clock" : "cclock", bFlip ? "_flip" : "");
     }
-    const bool bStraight = isSet(0) && isSet(4) && !isSet(1) && !isSet(3);
-    const std::string flip = bStraight && pMatrix[0] < 0 ? "hflip" : "";
-    return !bStraight || pMatrix[4] > 0 ? flip : flip.empty() ? "vflip" : "hflip,vflip";
+    return fmt::format("{}{}", pMatrix[0] < 0 ? ",hflip" : "", pMatrix[4] < 0 ? ",vflip" : "");
 }
 
 bool Input::ReadPacket()

@@ -435,7 +435,7 @@ void Output::OpenPart(const std::string& target)
     }
     close(nFile);
     m_Part = part;
-    RemoveOnSignal(m_Part);
+    g_szRemove = m_Part.c_str();
 }
 
 void Output::Stand(const std::string& target)
@@ -444,8 +444,8 @@ void Output::Stand(const std::string& target)
     std::error_code error;
     fs::rename(m_Part, target, error);
     FailIf(error.value() != 0, kOutput, "{}: {}", target, error.message());
+    g_szRemove = nullptr;
     m_Part.clear();
-    RemoveOnSignal("");
 }
 
 Output::~Output()
@@ -460,7 +460,7 @@ Output::~Output()
     m_Format.reset();
     if (!m_Part.empty()) {
         static_cast<void>(std::remove(m_Part.c_str()));
-        RemoveOnSignal("");
+        g_szRemove = nullptr;
     }
 }
 
