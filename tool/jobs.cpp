@@ -38,13 +38,13 @@ std::string Head(const Options& options, const Input& input)
     const double dLength = options.output.dLength;
     if (input.Gives().kind == AVMEDIA_TYPE_AUDIO) {
         const AVChannelLayout& layout = input.Gives().layout;
-        const std::string pad = dLength > 0 ? fmt::format("apad=whole_dur={}", dLength) : "";
+        const std::string pad = dLength < kForever ? fmt::format("apad=whole_dur={}", dLength) : "";
         return IsUsual(layout) ? pad : Relabel(layout) + (pad.empty() ? "" : "," + pad);
     }
     // The file's, because filters round to it.
     const AVRational base = input.Stream().time_base;
     return fmt::format("settb={}/{}{}", base.num, base.den, TurnOf(input.Stream())) +
-           (dLength > 0 ? fmt::format(",tpad=stop_mode=clone:stop_duration={}", dLength) : "") +
+           (dLength < kForever ? fmt::format(",tpad=stop_mode=clone:stop_duration={}", dLength) : "") +
            // waveform and its like want to see one format right in front of them
            fmt::format(",format={}", av_get_pix_fmt_name(input.Gives().picture.format));
 }
@@ -262,20 +262,15 @@ void SendNext(telvane::AudioMixer& mixer, std::size_t nInput, Lane& lane)
                         (nSamples < audio.samples && nSamples < lane.length->n - lane.nSent))) {
         throw Mismeasured{};
     }
-    const bool bSilence = !lane.length && !bMore;
-    lane.bEnded = nSamples == 0 || bSilence;
-    if (lane.bEnded && !bSilence) {
-        return;
-    }
-    if (bSilence) { // for two seconds, which brings out what waits for a whole block
-        lane.bytes.resize(lane.bytes.size() +
-                          nBlock * static_cast<std::size_t>(2 + 2 * audio.rate / audio.samples));
-    }
+    const bool bSilence =
+        lane.bEnded; // whose end cannot be told: thirty seconds bring out what filters hold
+    lane.bEnded = nSamples == 0 || (!lane.length && !bMore);
     const std::size_t nBytes = lane.length ? static_cast<std::size_t>(nSamples * nSample) : nBlock;
-    do {
+    for (int n = bSilence ? 30 * audio.rate : static_cast<int>(nSamples) - 1; n >= 0; n -= audio.samples) {
+        lane.bytes.resize(std::max(nBytes, lane.bytes.size()));
         mixer.Send(nInput, std::span(lane.bytes).first(nBytes));
         lane.bytes.erase(lane.bytes.begin(), lane.bytes.begin() + static_cast<std::ptrdiff_t>(nBytes));
-    } while (bSilence && lane.bytes.size() >= nBlock);
+    }
     lane.nSent += nSamples;
     lane.dNext = SentUntil(lane);
 }
@@ -314,7 +309,7 @@ class Job
         m_Wanted = output.Open(m_Outcome, m_nOthers < m_Inputs.size() ? m_Inputs[m_nOthers].get() : nullptr,
                                *m_Inputs[0]);
         m_Outcome.form.audio.samples = output.BlockSamples();
-        m_dToDo = m_Options.output.dLength > 0 ? m_Options.output.dLength : dLongest;
+        m_dToDo = m_Options.output.dLength < kForever ? m_Options.output.dLength : dLongest;
         m_dSent = m_dToDo;
         m_pOutput = &output;
         {
@@ -367,10 +362,9 @@ class Job
     void Start()
     {
         const int64_t nPassed = m_nPassed.exchange(0); // before, if this is the second time
-        const double dLength = m_Options.output.dLength;
         for (std::size_t i = 0; i < m_Inputs.size(); ++i) {
-            m_Inputs[i]->Start(i == m_nOthers ? m_Wanted : std::vector<bool>(),
-                               dLength > 0 ? dLength : kForever, [this, nPassed](PacketPtr packet) {
+            m_Inputs[i]->Start(i == m_nOthers ? m_Wanted : std::vector<bool>(), m_Options.output.dLength,
+                               [this, nPassed](PacketPtr packet) {
                                    return ++m_nPassed <= nPassed || m_pOutput->Pass(std::move(packet));
                                });
         }
@@ -405,10 +399,10 @@ class Job
                 av_image_fill_arrays(frame->data, frame->linesize, frame->data[0], out.format, out.width,
                                      out.height, 1);
             } else {
-                const std::size_t nSamples =
-                    received.bytes * static_cast<std::size_t>(out.samples) / mixer.OutputBytes();
+                const double dSamples = static_cast<double>(received.bytes) * out.samples /
+                                        static_cast<double>(mixer.OutputBytes());
                 const double dWanted = std::ceil((dUntil - dTime) * out.rate - 0.5);
-                frame->nb_samples = static_cast<int>(std::min(static_cast<double>(nSamples), dWanted));
+                frame->nb_samples = static_cast<int>(std::min(dSamples, dWanted));
             }
             m_bFull = dTime < dUntil && ++m_nReceived > m_nSkip && !m_pOutput->Put(std::move(frame), dTime);
             if (m_bFull || dTime >= dUntil) {
@@ -426,10 +420,24 @@ class Job
     void Mix(std::vector<Lane>& lanes, auto streamOf, const auto& out)
     {
         std::vector<telvane::Input<decltype(streamOf(lanes[0]))>> inputs;
+        inputs.reserve(lanes.size());
         for (const Lane& lane : lanes) {
             inputs.push_back({SourceLabel(m_Text, lane.pInput->Of().name), streamOf(lane)});
         }
         Mixer mixer(inputs, m_Text, out);
+        const auto send = [&](Lane& lane) {
+            try {
+                SendNext(mixer, static_cast<std::size_t>(&lane - lanes.data()), lane);
+            } catch (const telvane::Error& error) {
+                if (error.code().value() != AVFILTER_ERROR_VIDEO_SEND_FRAME &&
+                    error.code().value() != AVFILTER_ERROR_AUDIO_SEND_FRAME) {
+                    throw;
+                }
+                lane.bEnded = true; // for the description, which takes no more of it
+                lane.length.emplace();
+                lane.pInput->Stop();
+            }
+        };
         Start();
         telvane::State state = telvane::State::kNotYet;
         Lane* pFruitful = nullptr; // what it gave brought something out: nobody waits for the others
@@ -445,16 +453,7 @@ class Job
                 break;
             }
             const int64_t nBefore = m_nReceived;
-            try {
-                SendNext(mixer, static_cast<std::size_t>(pLane - lanes.data()), *pLane);
-            } catch (const telvane::Error& error) {
-                if (error.code().value() != AVFILTER_ERROR_VIDEO_SEND_FRAME &&
-                    error.code().value() != AVFILTER_ERROR_AUDIO_SEND_FRAME) {
-                    throw;
-                }
-                pLane->bEnded = true; // for the description, which takes no more of it
-                pLane->pInput->Stop();
-            }
+            send(*pLane);
             m_dSent = std::max(m_dSent, pLane->dNext);
             if (std::all_of(lanes.begin(), lanes.end(), [](const Lane& lane) { return lane.bEnded; })) {
                 break; // what comes now may have to be cut
@@ -466,11 +465,14 @@ class Job
         if (state != telvane::State::kEnd && !IsInterrupted()) {
             double dEnd = 0;
             bool bKnown = true;
-            for (const Lane& lane : lanes) {
+            for (Lane& lane : lanes) {
                 dEnd = std::max(dEnd, lane.dNext);
-                bKnown = bKnown && lane.length;
+                if (!lane.length) {
+                    bKnown = false;
+                    send(lane); // silence
+                }
             }
-            Receive(mixer, bKnown ? kForever : dEnd); // without the silence
+            Receive(mixer, bKnown ? kForever : dEnd);
         }
         for (std::size_t i = 0; i < lanes.size(); ++i) {
             Lane& lane = lanes[i];

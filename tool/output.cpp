@@ -263,7 +263,7 @@ void Output::SetCommon()
     codec.thread_count = 0;
     if (m_bSingle) {
         m_nLimit = 1;
-    } else if (m_Wish.dLength > 0) {
+    } else if (m_Wish.dLength < kForever) {
         m_nLimit = std::max<int64_t>(1, std::llround(m_Wish.dLength * av_q2d(codec.framerate)));
     }
     Check(avcodec_open2(&codec, m_pEncoder, m_Options.At()), kOutput, m_pEncoder->name);
@@ -547,7 +547,7 @@ void Output::WritePicture(FramePtr frame, double dTime)
             Encode(&picture);
             ++m_nCount;
         }
-        m_bStopped = m_nCount >= m_nLimit || (m_Wish.dLength > 0 && !m_bSingle && m_dEnd >= m_Wish.dLength);
+        m_bStopped = m_nCount >= m_nLimit || (!m_bSingle && m_dEnd >= m_Wish.dLength);
     }
     m_Last = std::move(frame);
     m_Befores = {nBefore, m_Befores[0], m_Befores[1]};

@@ -16,10 +16,10 @@ struct OutputWish {
     std::string format; // FFmpeg's name of a container, or an extension, or raw; empty: by the path
     // Of encoder and container, as the ffmpeg command names them: "crf" "18", "b:a" "96k".
     std::vector<std::pair<std::string, std::string>> options;
-    double dAt = 0;      // for a single picture: which second's
-    double dLength = 0;  // seconds; 0: all
-    bool bForce = false; // replace what is there
-    std::string pass;    // "none": no other streams, tags and chapters
+    double dAt = 0;            // for a single picture: which second's
+    double dLength = kForever; // seconds
+    bool bForce = false;       // replace what is there
+    std::string pass;          // "none": no other streams, tags and chapters
 };
 
 // A file that stands under its name only once it is finished. Encoders and container run on a thread of
