@@ -195,7 +195,8 @@ Outcome Preview(const Inputs& inputs, const std::string& text)
 std::string Append(const std::string& text, const std::string& filters)
 {
     const std::size_t nFound = text.rfind("[out]");
-    return nFound == std::string::npos
+    return filters.empty() ? text
+           : nFound == std::string::npos
                ? text + "," + filters
                : fmt::format("{}[before_out]{};[before_out]{}[out]", text.substr(0, nFound),
                              text.substr(nFound + 5), filters);

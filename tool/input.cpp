@@ -18,7 +18,6 @@ extern "C" {
 #include <map>
 #include <set>
 #include <sys/stat.h>
-#include <tuple>
 
 namespace tool
 {
@@ -53,11 +52,9 @@ Form FormOf(const AVFrame& frame)
 
 bool IsSame(const Form& a, const Form& b)
 {
-    const auto all = [](const Form& form) {
-        return std::tie(form.picture.format, form.picture.width, form.picture.height, form.audio.format,
-                        form.audio.rate, form.audio.channels);
-    };
-    return all(a) == all(b);
+    return a.picture.format == b.picture.format && a.picture.width == b.picture.width &&
+           a.picture.height == b.picture.height && a.audio.format == b.audio.format &&
+           a.audio.rate == b.audio.rate && a.audio.channels == b.audio.channels;
 }
 
 // The library's format that loses least.
@@ -94,9 +91,7 @@ struct {
 int Open(AVFormatContext* pFormat, AVIOContext** ppIo, const char* szUrl, int nFlags,
          AVDictionary** ppOptions)
 {
-    constexpr std::string_view kFile = "file:";
-    const std::string url = szUrl;
-    if (const auto id = IdOf(url.starts_with(kFile) ? url.substr(kFile.size()) : url)) {
+    if (const auto id = IdOf(szUrl + (std::string_view(szUrl).starts_with("file:") ? 5 : 0))) {
         const std::scoped_lock lock(g_Opened.mutex);
         g_Opened.ids.insert(*id);
     }

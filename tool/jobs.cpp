@@ -73,16 +73,20 @@ std::string TextOf(const Options& options, const Inputs& inputs)
     return text + (bOne ? telvane::detail::FromIn(options.description) : options.description);
 }
 
-// The filters that leave just this; the layer's own leave the format.
-std::string Ending(const Outcome& outcome)
+// The filters that leave just this; the layer's own leave format and rate, and the layout if it is the usual one and
+// was there before. Each filter more is felt in small blocks.
+std::string Ending(const Outcome& outcome, const AVChannelLayout& before)
 {
     if (outcome.form.kind == AVMEDIA_TYPE_VIDEO) {
         return fmt::format("format={}", av_get_pix_fmt_name(outcome.form.picture.format));
     }
+    const AVChannelLayout& layout = outcome.form.layout;
     AVChannelLayout usual{};
-    av_channel_layout_default(&usual, outcome.form.audio.channels);
-    return "aformat=channel_layouts=" + LayoutName(outcome.form.layout) +
-           (IsUsual(outcome.form.layout) ? "" : "," + Relabel(usual));
+    av_channel_layout_default(&usual, layout.nb_channels);
+    const std::string text = "aformat=channel_layouts=" + LayoutName(layout);
+    return !IsUsual(layout)                                   ? text + "," + Relabel(usual)
+           : av_channel_layout_compare(&layout, &before) != 0 ? text
+                                                              : "";
 }
 
 std::string Describe(const Outcome& outcome)
@@ -289,9 +293,10 @@ class Job
             m_Outcome = Preview(m_Inputs, m_Text);
         }
         Output output(m_Options.output, m_Kind, *m_Inputs[0]);
+        const AVChannelLayout before = m_Outcome.form.layout;
         m_Outcome = Preview(m_Inputs, Append(m_Text, output.Restriction(m_Outcome)));
         m_Outcome.nDepth = DepthOf(*m_Inputs[0]);
-        m_Text = Append(m_Text, Ending(m_Outcome) + output.MakeEven(m_Outcome.form.picture));
+        m_Text = Append(m_Text, Ending(m_Outcome, before) + output.MakeEven(m_Outcome.form.picture));
         std::vector<Lane> lanes = Measure();
         double dLongest = 0;
         for (const Lane& lane : lanes) {
@@ -357,17 +362,6 @@ class Job
             return false;
         }
         return true;
-    }
-
-    void Start()
-    {
-        const int64_t nPassed = m_nPassed.exchange(0); // before, if this is the second time
-        for (std::size_t i = 0; i < m_Inputs.size(); ++i) {
-            m_Inputs[i]->Start(i == m_nOthers ? m_Wanted : std::vector<bool>(), m_Options.output.dLength,
-                               [this, nPassed](PacketPtr packet) {
-                                   return ++m_nPassed <= nPassed || m_pOutput->Pass(std::move(packet));
-                               });
-        }
     }
 
     // Takes all that there is. dUntil: what comes later is not wanted any more.
@@ -438,7 +432,13 @@ class Job
                 lane.pInput->Stop();
             }
         };
-        Start();
+        const int64_t nPassed = m_nPassed.exchange(0); // before, if this is the second time
+        for (std::size_t i = 0; i < m_Inputs.size(); ++i) {
+            m_Inputs[i]->Start(i == m_nOthers ? m_Wanted : std::vector<bool>(), m_Options.output.dLength,
+                               [this, nPassed](PacketPtr packet) {
+                                   return ++m_nPassed <= nPassed || m_pOutput->Pass(std::move(packet));
+                               });
+        }
         telvane::State state = telvane::State::kNotYet;
         Lane* pFruitful = nullptr; // what it gave brought something out: nobody waits for the others
         while (state != telvane::State::kEnd && !IsInterrupted()) {

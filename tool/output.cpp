@@ -28,9 +28,8 @@ namespace fs = std::filesystem;
 // The file that is meant, also where a link leads to none yet.
 std::string Followed(fs::path path)
 {
-    constexpr int kMaxLinks = 40; // as the kernel's
     std::error_code error;
-    for (int i = 0; i < kMaxLinks && fs::is_symlink(path, error); ++i) {
+    for (int i = 0; i < 40 && fs::is_symlink(path, error); ++i) { // 40 as in the kernel
         path = path.parent_path() / fs::read_symlink(path, error);
     }
     return path.string();
