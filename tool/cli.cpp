@@ -96,19 +96,16 @@ void Prepare(Arguments& arguments, const Command& command)
         options.inputs.push_back({"in", arguments.input, arguments.from, ""});
     }
     for (const std::string& text : arguments.streams) { // NAME=SPECIFIER where there are several inputs
-        const bool bNamed = options.inputs.size() > 1;
-        const std::size_t nEqual = bNamed ? text.find('=') : std::string::npos;
+        const std::size_t nName = options.inputs.size() > 1 ? text.find('=') + 1 : 0;
         const auto found =
             std::find_if(options.inputs.begin(), options.inputs.end(), [&](const Source& source) {
-                return !bNamed || source.name == text.substr(0, nEqual);
+                return nName == 0 || source.name + "=" == text.substr(0, nName);
             });
-        FailIf(found == options.inputs.end() || (bNamed && nEqual == std::string::npos), kUsage,
+        FailIf(found == options.inputs.end() || (nName == 0 && options.inputs.size() > 1), kUsage,
                "--stream {}: write NAME=STREAM, the name of an input", text);
-        found->stream = text.substr(nEqual + 1); // all of it where there is no name
+        found->stream = text.substr(nName);
     }
     OutputWish& output = options.output;
-    FailIf(command.name != "probe" && !options.bExplain && output.path.empty(), kUsage,
-           "an OUTPUT is needed");
     output.path = output.path == "/dev/stdout" ? "-" : output.path;
     if (command.name == "scale") {
         options.description = ScaleFilter(arguments.size);
@@ -159,14 +156,15 @@ void AddCommand(CLI::App& app, const Command& command, Arguments& arguments)
     if (command.name == "probe") {
         return;
     }
-    to.add_option("OUTPUT", output.path, "A file; many pictures: out-%04d.png; - is standard output");
+    to.add_option("OUTPUT", output.path, "A file; many pictures: out-%04d.png; - is standard output")
+        ->required();
     to.add_option("--to", output.format, "Its format, where the name does not tell: mkv, wav, raw ...");
     to.add_option("--length", output.dLength, "Seconds of output; default: what the inputs give")
         ->check(CLI::Range(1e-6, kLongest));
     to.add_option("--pass", output.pass,
-                  "The input whose other streams are copied, or none; default: the first");
+                  "none: no other streams, tags and chapters beside what is filtered")
+        ->check(CLI::IsMember({"none"}));
     to.add_flag("-y,--force", output.bForce, "Replace an output that exists");
-    to.add_flag("--explain", options.bExplain, "Show the graph, and run nothing");
     to.add_flag("-q,--quiet", options.bQuiet, "No progress and no report");
     if (command.kind == AVMEDIA_TYPE_VIDEO) {
         to.add_option("--at", output.dAt, "For one picture: of which second")
@@ -210,7 +208,7 @@ int Run(int argc, char** argv)
         CatchLog(arguments.bVerbose);
         CatchSignals();
         Prepare(arguments, *pChosen);
-        return pChosen->name == "probe" ? RunProbe(options) : RunFilter(options, pChosen->kind);
+        return pChosen->name == "probe" ? RunProbe(options.inputs[0]) : RunFilter(options, pChosen->kind);
     } catch (const Failure& failure) {
         if (IsInterrupted()) {
             return Report(kInterrupted, "interrupted before there was anything to keep");

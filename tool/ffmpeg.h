@@ -119,17 +119,6 @@ inline telvane::Fields FieldsOf(const AVFrame& frame)
                         : telvane::Fields::kBottomFirst;
 }
 
-// What a source of pictures is told of their colours, which 7.0 began to negotiate.
-inline std::string ColourArguments([[maybe_unused]] const AVFrame& frame)
-{
-#if LIBAVFILTER_VERSION_MAJOR >= 10
-    return ":range=" + std::to_string(frame.color_range) +
-           ":colorspace=" + std::to_string(frame.colorspace);
-#else
-    return {};
-#endif
-}
-
 // What a stream carries besides its packets moved to the codec's parameters in 6.1, which are copied whole.
 inline const int32_t* DisplayMatrix(const AVStream& stream)
 {
@@ -166,34 +155,31 @@ inline const void* ListOf(const AVCodec& codec, AVCodecConfig config)
 #else
 #define TOOL_LIST(codec, config, member) (codec).member
 #endif
-template <class T, class IsEnd>
-std::vector<T> Listed(const void* pList, const IsEnd& isEnd)
+template <class T>
+std::vector<T> Listed(const void* pList, const T& end)
 {
     std::vector<T> list;
-    for (const T* p = static_cast<const T*>(pList); p != nullptr && !isEnd(*p); ++p) {
+    for (const T* p = static_cast<const T*>(pList); p != nullptr && std::memcmp(p, &end, sizeof(T)) != 0;
+         ++p) {
         list.push_back(*p);
     }
     return list;
 }
 inline auto PixelFormats(const AVCodec& codec)
 {
-    return Listed<AVPixelFormat>(TOOL_LIST(codec, AV_CODEC_CONFIG_PIX_FORMAT, pix_fmts),
-                                 [](AVPixelFormat f) { return f == AV_PIX_FMT_NONE; });
+    return Listed(TOOL_LIST(codec, AV_CODEC_CONFIG_PIX_FORMAT, pix_fmts), AV_PIX_FMT_NONE);
 }
 inline auto SampleFormats(const AVCodec& codec)
 {
-    return Listed<AVSampleFormat>(TOOL_LIST(codec, AV_CODEC_CONFIG_SAMPLE_FORMAT, sample_fmts),
-                                  [](AVSampleFormat f) { return f == AV_SAMPLE_FMT_NONE; });
+    return Listed(TOOL_LIST(codec, AV_CODEC_CONFIG_SAMPLE_FORMAT, sample_fmts), AV_SAMPLE_FMT_NONE);
 }
 inline auto SampleRates(const AVCodec& codec)
 {
-    return Listed<int>(TOOL_LIST(codec, AV_CODEC_CONFIG_SAMPLE_RATE, supported_samplerates),
-                       [](int n) { return n == 0; });
+    return Listed(TOOL_LIST(codec, AV_CODEC_CONFIG_SAMPLE_RATE, supported_samplerates), 0);
 }
 inline auto Layouts(const AVCodec& codec)
 {
-    return Listed<AVChannelLayout>(TOOL_LIST(codec, AV_CODEC_CONFIG_CHANNEL_LAYOUT, ch_layouts),
-                                   [](const AVChannelLayout& l) { return l.nb_channels == 0; });
+    return Listed(TOOL_LIST(codec, AV_CODEC_CONFIG_CHANNEL_LAYOUT, ch_layouts), AVChannelLayout{});
 }
 
 } // namespace tool

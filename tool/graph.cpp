@@ -84,10 +84,12 @@ End SourceOf(const std::string& label, const Form& form, AVRational base, AVRati
                                    av_get_sample_fmt_name(form.audio.format), LayoutName(form.layout))};
     }
     return {label,
-            fmt::format("video_size={}x{}:pix_fmt={}:time_base={}/{}:frame_rate={}/{}:pixel_aspect={}/{}{}",
+            fmt::format("video_size={}x{}:pix_fmt={}:time_base={}/{}:frame_rate={}/{}:pixel_aspect={}/{}:"
+                        "range={}:colorspace={}",
                         form.picture.width, form.picture.height, av_get_pix_fmt_name(form.picture.format),
                         base.num, base.den, rate.num, rate.den, first.sample_aspect_ratio.num,
-                        std::max(1, first.sample_aspect_ratio.den), ColourArguments(first))};
+                        std::max(1, first.sample_aspect_ratio.den), static_cast<int>(first.color_range),
+                        static_cast<int>(first.colorspace))};
 }
 
 GraphPtr BuildGraph(AVMediaType kind, const std::vector<End>& sources, const std::string& text,
@@ -109,14 +111,14 @@ GraphPtr BuildGraph(AVMediaType kind, const std::vector<End>& sources, const std
         *pOpen = {av_strdup(end.label.c_str()), pFilter, 0, pList};
         pList = pOpen;
         ends.push_back(pFilter);
-        // As the ffmpeg command does, where there is such an option.
-        static_cast<void>(av_opt_set_int(pFilter, "all_channel_counts", 1, AV_OPT_SEARCH_CHILDREN));
-        CheckText(avfilter_init_str(pFilter, end.arguments.c_str()));
+        Dictionary arguments; // some of which not all versions and kinds know
+        av_dict_parse_string(arguments.At(), end.arguments.c_str(), "=", ":", 0);
+        CheckText(avfilter_init_dict(pFilter, arguments.At()));
     };
     for (const End& source : sources) {
         add("buffer", source, pOutputs);
     }
-    add("buffersink", {"out", ""}, pInputs);
+    add("buffersink", {"out", "all_channel_counts=1"}, pInputs); // as the ffmpeg command says
     CheckText(avfilter_graph_parse_ptr(graph.get(), text.c_str(), &pInputs, &pOutputs, nullptr));
     RefuseUnknowable(*graph);
     RefuseOpen(sources, pInputs, pOutputs);
@@ -124,7 +126,7 @@ GraphPtr BuildGraph(AVMediaType kind, const std::vector<End>& sources, const std
     return graph;
 }
 
-Outcome Preview(const std::vector<std::unique_ptr<Input>>& inputs, const std::string& text)
+Outcome Preview(const Inputs& inputs, const std::string& text)
 {
     ForgetLog();
     MuteLog(true);
@@ -153,9 +155,6 @@ Outcome Preview(const std::vector<std::unique_ptr<Input>>& inputs, const std::st
     Outcome out;
     out.form.kind = kind;
     out.timeBase = av_buffersink_get_time_base(pSink);
-    char* szDump = avfilter_graph_dump(graph.get(), nullptr);
-    out.dump = szDump != nullptr ? szDump : "";
-    av_free(szDump);
     if (!bVideo) {
         AVChannelLayout layout{};
         Check(av_buffersink_get_ch_layout(pSink, &layout), kOther, "the channel layout");
@@ -196,7 +195,8 @@ Outcome Preview(const std::vector<std::unique_ptr<Input>>& inputs, const std::st
 std::string Append(const std::string& text, const std::string& filters)
 {
     const std::size_t nFound = text.rfind("[out]");
-    return nFound == std::string::npos
+    return filters.empty() ? text
+           : nFound == std::string::npos
                ? text + "," + filters
                : fmt::format("{}[before_out]{};[before_out]{}[out]", text.substr(0, nFound),
                              text.substr(nFound + 5), filters);

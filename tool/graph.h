@@ -37,11 +37,11 @@ struct Outcome {
     FramePtr seen;        // tells colours, fields and aspect
     bool bUneven = false; // the inputs' pictures do not follow each other evenly
     int nDepth = 0;       // bits of a sample, as far as they mean something
-    std::string dump;
 };
 
 // The inputs' first pictures are sent through, for what only pictures tell.
-Outcome Preview(const std::vector<std::unique_ptr<Input>>& inputs, const std::string& text);
+using Inputs = std::vector<std::unique_ptr<Input>>;
+Outcome Preview(const Inputs& inputs, const std::string& text);
 
 // The text with more filters behind its output.
 std::string Append(const std::string& text, const std::string& filters);

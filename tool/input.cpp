@@ -18,7 +18,6 @@ extern "C" {
 #include <map>
 #include <set>
 #include <sys/stat.h>
-#include <tuple>
 
 namespace tool
 {
@@ -53,11 +52,9 @@ Form FormOf(const AVFrame& frame)
 
 bool IsSame(const Form& a, const Form& b)
 {
-    const auto all = [](const Form& form) {
-        return std::tie(form.picture.format, form.picture.width, form.picture.height, form.audio.format,
-                        form.audio.rate, form.audio.channels);
-    };
-    return all(a) == all(b);
+    return a.picture.format == b.picture.format && a.picture.width == b.picture.width &&
+           a.picture.height == b.picture.height && a.audio.format == b.audio.format &&
+           a.audio.rate == b.audio.rate && a.audio.channels == b.audio.channels;
 }
 
 // The library's format that loses least.
@@ -88,21 +85,17 @@ std::optional<FileId> IdOf(const std::string& path)
 struct {
     std::mutex mutex;
     std::set<FileId> ids;
-    decltype(AVFormatContext::io_open) pOpen = nullptr; // FFmpeg's own
+    std::atomic<decltype(AVFormatContext::io_open)> pOpen = nullptr; // FFmpeg's own
 } g_Opened;
 
 int Open(AVFormatContext* pFormat, AVIOContext** ppIo, const char* szUrl, int nFlags,
          AVDictionary** ppOptions)
 {
-    constexpr std::string_view kFile = "file:";
-    const std::string url = szUrl;
-    std::unique_lock lock(g_Opened.mutex);
-    if (const auto id = IdOf(url.starts_with(kFile) ? url.substr(kFile.size()) : url)) {
+    if (const auto id = IdOf(szUrl + (std::string_view(szUrl).starts_with("file:") ? 5 : 0))) {
+        const std::scoped_lock lock(g_Opened.mutex);
         g_Opened.ids.insert(*id);
     }
-    const auto pOpen = g_Opened.pOpen;
-    lock.unlock(); // opening a pipe may take long
-    return pOpen(pFormat, ppIo, szUrl, nFlags, ppOptions);
+    return g_Opened.pOpen.load()(pFormat, ppIo, szUrl, nFlags, ppOptions);
 }
 
 // The samples in a packet, without decoding it.
@@ -152,9 +145,7 @@ Demuxer::Demuxer(const Source& source) : m_Source(source)
                                                                      : path;
     AVFormatContext* pContext = NotNull(avformat_alloc_context());
     pContext->interrupt_callback.callback = [](void*) { return IsInterrupted() ? 1 : 0; };
-    std::unique_lock lock(g_Opened.mutex);
     g_Opened.pOpen = std::exchange(pContext->io_open, Open);
-    lock.unlock();
     Check(avformat_open_input(&pContext, url.c_str(), pFormat, options.At()), kInput, path);
     m_Format.reset(pContext);
     FailIf(!options.First().empty(), kUsage, "--from {}: {} has no option \"{}\"", source.format,
@@ -313,14 +304,12 @@ std::string TurnOf(const AVStream& stream)
     if (pMatrix == nullptr) {
         return {};
     }
-    const auto isSet = [&](int i) { return std::abs(pMatrix[i]) >= 0x8000; };
-    if (isSet(1) && isSet(3) && !isSet(0) && !isSet(4)) {
+    // As quarters, mirrored or not; what is turned by less stays as it is.
+    if (std::abs(pMatrix[1]) > std::abs(pMatrix[0])) {
         const bool bFlip = (pMatrix[1] > 0) == (pMatrix[3] > 0);
-        return fmt::format("transpose={}{}", pMatrix[3] < 0 ? "clock" : "cclock", bFlip ? "_flip" : "");
+        return fmt::format(",transpose={}{}", pMatrix[3] < 0 ? "clock" : "cclock", bFlip ? "_flip" : "");
     }
-    const bool bStraight = isSet(0) && isSet(4) && !isSet(1) && !isSet(3);
-    const std::string flip = bStraight && pMatrix[0] < 0 ? "hflip" : "";
-    return !bStraight || pMatrix[4] > 0 ? flip : flip.empty() ? "vflip" : "hflip,vflip";
+    return fmt::format("{}{}", pMatrix[0] < 0 ? ",hflip" : "", pMatrix[4] < 0 ? ",vflip" : "");
 }
 
 bool Input::ReadPacket()

@@ -144,7 +144,7 @@ class Input
     std::future<void> m_Done;
 };
 
-// The filters that turn the pictures upright, as the file says they are shown; or "".
+// The filters, each with a comma in front, that turn the pictures upright, as the file says they are shown.
 std::string TurnOf(const AVStream& stream);
 // The layout if its channels have places, else the usual one of as many channels. Owns nothing.
 AVChannelLayout Native(const AVChannelLayout& layout);

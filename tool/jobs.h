@@ -1,4 +1,4 @@
-// The sub-commands, and what they report.
+// The sub-commands.
 #pragma once
 
 #include "output.h"
@@ -10,22 +10,11 @@ struct Options {
     std::vector<Source> inputs;
     std::string description;
     OutputWish output;
-    bool bExplain = false;
     bool bQuiet = false;
 };
 
 Exit RunFilter(const Options& options, AVMediaType kind);
 // What a file holds.
-Exit RunProbe(const Options& options);
-
-// ---- Reports ------------------------------------------------------------------------------------
-
-using Inputs = std::vector<std::unique_ptr<Input>>;
-
-Exit Explain(const Inputs& inputs, const Outcome& outcome);
-// Ends the output and tells what has become of it.
-Exit Finish(const Options& options, const Inputs& inputs, Output& output, const Outcome& outcome);
-// A line for the user on standard error.
-void Tell(const Options& options, const std::string& text);
+Exit RunProbe(const Source& source);
 
 } // namespace tool

@@ -28,9 +28,8 @@ namespace fs = std::filesystem;
 // The file that is meant, also where a link leads to none yet.
 std::string Followed(fs::path path)
 {
-    constexpr int kMaxLinks = 40; // as the kernel's
     std::error_code error;
-    for (int i = 0; i < kMaxLinks && fs::is_symlink(path, error); ++i) {
+    for (int i = 0; i < 40 && fs::is_symlink(path, error); ++i) { // 40 as in the kernel
         path = path.parent_path() / fs::read_symlink(path, error);
     }
     return path.string();
@@ -263,7 +262,7 @@ void Output::SetCommon()
     codec.thread_count = 0;
     if (m_bSingle) {
         m_nLimit = 1;
-    } else if (m_Wish.dLength > 0) {
+    } else if (m_Wish.dLength < kForever) {
         m_nLimit = std::max<int64_t>(1, std::llround(m_Wish.dLength * av_q2d(codec.framerate)));
     }
     Check(avcodec_open2(&codec, m_pEncoder, m_Options.At()), kOutput, m_pEncoder->name);
@@ -435,7 +434,7 @@ void Output::OpenPart(const std::string& target)
     }
     close(nFile);
     m_Part = part;
-    RemoveOnSignal(m_Part);
+    g_szRemove = m_Part.c_str();
 }
 
 void Output::Stand(const std::string& target)
@@ -444,8 +443,8 @@ void Output::Stand(const std::string& target)
     std::error_code error;
     fs::rename(m_Part, target, error);
     FailIf(error.value() != 0, kOutput, "{}: {}", target, error.message());
+    g_szRemove = nullptr;
     m_Part.clear();
-    RemoveOnSignal("");
 }
 
 Output::~Output()
@@ -460,7 +459,7 @@ Output::~Output()
     m_Format.reset();
     if (!m_Part.empty()) {
         static_cast<void>(std::remove(m_Part.c_str()));
-        RemoveOnSignal("");
+        g_szRemove = nullptr;
     }
 }
 
@@ -547,7 +546,7 @@ void Output::WritePicture(FramePtr frame, double dTime)
             Encode(&picture);
             ++m_nCount;
         }
-        m_bStopped = m_nCount >= m_nLimit || (m_Wish.dLength > 0 && !m_bSingle && m_dEnd >= m_Wish.dLength);
+        m_bStopped = m_nCount >= m_nLimit || (!m_bSingle && m_dEnd >= m_Wish.dLength);
     }
     m_Last = std::move(frame);
     m_Befores = {nBefore, m_Befores[0], m_Befores[1]};

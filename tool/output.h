@@ -16,10 +16,10 @@ struct OutputWish {
     std::string format; // FFmpeg's name of a container, or an extension, or raw; empty: by the path
     // Of encoder and container, as the ffmpeg command names them: "crf" "18", "b:a" "96k".
     std::vector<std::pair<std::string, std::string>> options;
-    double dAt = 0;      // for a single picture: which second's
-    double dLength = 0;  // seconds; 0: all
-    bool bForce = false; // replace what is there
-    std::string pass;    // whose other streams are copied; empty: the first that has any; or "none"
+    double dAt = 0;            // for a single picture: which second's
+    double dLength = kForever; // seconds
+    bool bForce = false;       // replace what is there
+    std::string pass;          // "none": no other streams, tags and chapters
 };
 
 // A file that stands under its name only once it is finished. Encoders and container run on a thread of
@@ -38,11 +38,11 @@ class Output
     // The filters, with a comma in front, that repeat the last column or row for an encoder that has no odd
     // sizes; or "". They change what comes out.
     std::string MakeEven(telvane::Picture& picture);
-    // Whether streams of an input can go along.
-    bool TakesOthers() const
+    // Whether there are streams of an input that can go along.
+    bool TakesOthers(const Input& input) const
     {
-        return m_Wish.pass != "none" && m_pFormat->audio_codec != AV_CODEC_ID_NONE &&
-               m_pFormat->video_codec != AV_CODEC_ID_NONE;
+        return m_Wish.pass != "none" && input.File().Format().nb_streams > 1 &&
+               m_pFormat->audio_codec != AV_CODEC_ID_NONE && m_pFormat->video_codec != AV_CODEC_ID_NONE;
     }
 
     // Writes the head; throws if the output is an input or may not be replaced. pOthers: the input whose other streams are copied, or null; about: the one whose

@@ -12,7 +12,6 @@ extern "C" {
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 #include <unistd.h>
 
 namespace tool
@@ -37,9 +36,6 @@ Log& TheLog()
 }
 
 volatile std::sig_atomic_t g_nInterrupted = 0;
-// Read by the handler: it must be whole whenever a signal comes, so the length is set last.
-std::array<char, 4096> g_Remove{};
-volatile std::sig_atomic_t g_nRemove = 0;
 
 // What users wrote as "fps" is "Parsed_fps_4" in FFmpeg's messages.
 std::string WithTheirNames(std::string text)
@@ -48,11 +44,8 @@ std::string WithTheirNames(std::string text)
     for (std::size_t n = text.find(kBefore); n != std::string::npos; n = text.find(kBefore, n)) {
         text.erase(n, kBefore.size());
         const std::size_t nEnd = std::min(text.find_first_not_of(kNameLetters, n), text.size());
-        const std::size_t nBar = text.rfind('_', nEnd);
-        if (nBar != std::string::npos && nBar > n &&
-            text.find_first_not_of("0123456789", nBar + 1) >= nEnd) {
-            text.erase(nBar, nEnd - nBar);
-        }
+        const std::size_t nBar = std::clamp(text.rfind('_', nEnd), n, nEnd);
+        text.erase(nBar, nEnd - nBar);
     }
     return text;
 }
@@ -89,8 +82,8 @@ void OnLog(void* pContext, int nLevel, const char* szFormat, va_list args)
 void OnSignal(int nSignal)
 {
     if (g_nInterrupted != 0) { // impatience
-        if (g_nRemove != 0) {
-            unlink(g_Remove.data());
+        if (const char* szRemove = g_szRemove) {
+            unlink(szRemove);
         }
         _exit(128 + nSignal);
     }
@@ -154,39 +147,6 @@ void CatchSignals()
 bool IsInterrupted()
 {
     return g_nInterrupted != 0;
-}
-
-void RemoveOnSignal(const std::string& path)
-{
-    g_nRemove = 0;
-    if (!path.empty() && path.size() < g_Remove.size()) {
-        std::memcpy(g_Remove.data(), path.c_str(), path.size() + 1);
-        g_nRemove = 1;
-    }
-}
-
-Progress::Progress(bool bQuiet, double dTotal)
-    : m_bShown(!bQuiet && isatty(STDERR_FILENO) == 1), m_dTotal(dTotal)
-{
-}
-
-Progress::~Progress()
-{
-    if (m_bShown) {
-        static_cast<void>(std::fputs("\r\x1b[K", stderr));
-    }
-}
-
-void Progress::At(double dSeconds)
-{
-    if (m_bShown && Clock::now() >= m_Next) {
-        m_Next = Clock::now() + std::chrono::milliseconds(200);
-        const std::chrono::duration<double> elapsed = Clock::now() - m_Start;
-        const double dSpeed = std::max(dSeconds, 1e-3) / std::max(elapsed.count(), 1e-3);
-        fmt::print(stderr, "\r{:.1f} s, {:.1f} times as fast as it plays{}\x1b[K", dSeconds, dSpeed,
-                   m_dTotal > dSeconds ? fmt::format(", {:.0f} s left", (m_dTotal - dSeconds) / dSpeed)
-                                       : "");
-    }
 }
 
 } // namespace tool

@@ -1,8 +1,9 @@
-// What every part of the tool uses: failures with their exit codes, FFmpeg's log, progress, signals, queues.
+// What every part of the tool uses: failures with their exit codes, FFmpeg's log, signals, queues.
 #pragma once
 
 #include <fmt/format.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -78,26 +79,8 @@ void MuteLog(bool bMute);
 
 void CatchSignals();
 bool IsInterrupted();
-// The file that goes away if a second signal ends the program at once; empty: none.
-void RemoveOnSignal(const std::string& path);
-
-// One line on standard error while it is a terminal; otherwise nothing.
-class Progress
-{
-  public:
-    Progress(bool bQuiet, double dTotal); // seconds of media; 0: unknown
-    Progress(const Progress&) = delete;
-    Progress& operator=(const Progress&) = delete;
-    ~Progress();
-    void At(double dSeconds);
-
-  private:
-    using Clock = std::chrono::steady_clock;
-    bool m_bShown;
-    double m_dTotal;
-    Clock::time_point m_Start = Clock::now();
-    Clock::time_point m_Next = m_Start;
-};
+// The file that goes away if a second signal ends the program at once; null: none.
+inline std::atomic<const char*> g_szRemove = nullptr;
 
 // Pictures are large, and blocks so small that waking the other thread for each costs more than they do.
 constexpr std::size_t kMostPictures = 2;

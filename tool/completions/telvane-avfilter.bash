@@ -10,9 +10,7 @@ _telvane_avfilter() {
     case $previous in
     --to) options="wav flac mp3 ogg m4a mp4 mov mkv webm y4m png jpg raw" ;;
     --length | --at | --from | --stream) return ;;
-    --pass)
-        options="none in"
-        ;;
+    --pass) options="none" ;;
     =) # the file of --in NAME=FILE: the shell splits words there
         mapfile -t COMPREPLY < <(compgen -f -- "$word")
         return
@@ -20,7 +18,7 @@ _telvane_avfilter() {
     *)
         if [[ $word == -* ]]; then
             options="--help --verbose --from --stream"
-            [[ $command != probe ]] && options+=" --to --length --pass --force --explain --quiet"
+            [[ $command != probe ]] && options+=" --to --length --pass --force --quiet"
             [[ $command == mix-* ]] && options+=" --in"
             [[ $command == *video || $command == scale ]] && options+=" --at"
         else
