@@ -50,6 +50,7 @@ TEST(Lock, LetsAllInThatWait)
     // Of writers that never pause each batch closes; a single one is told of a reader that draws back.
     for (const int nWriters : {1, 8}) {
         std::vector<std::jthread> writers;
+        writers.reserve(8);
         for (int i = 0; i < nWriters; ++i) {
             writers.emplace_back([](const std::stop_token& stop) {
                 while (!stop.stop_requested()) {
