@@ -48,11 +48,10 @@ TEST(Lock, LetsAllInThatWait)
     EXPECT_LT(nTurns, kMost);
     g_Lock.unlock();
     // Of writers that never pause each batch closes; a single one is told of a reader that draws back.
-    for (const int nWriters : {1, 8}) {
-        std::vector<std::jthread> writers;
-        writers.reserve(8);
-        for (int i = 0; i < nWriters; ++i) {
-            writers.emplace_back([](const std::stop_token& stop) {
+    for (const std::size_t nWriters : {1, 8}) {
+        std::vector<std::jthread> writers(nWriters);
+        for (std::jthread& writer : writers) {
+            writer = std::jthread([](const std::stop_token& stop) {
                 while (!stop.stop_requested()) {
                     g_Lock.lock();
                     g_Lock.unlock();

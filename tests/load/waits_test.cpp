@@ -9,7 +9,6 @@
 #include <deque>
 #include <future>
 #include <thread>
-#include <vector>
 
 namespace
 {
@@ -32,7 +31,7 @@ TEST_P(Waits, HandlesComeAndGoWhileOthersConvert)
     }
     std::atomic<int> nRounds = 0;
     std::future<void> future; // comes to its end in any case once the others have stopped
-    std::vector<std::jthread> others;
+    std::deque<std::jthread> others;
     for (Job& job : converting) {
         others.emplace_back([&](const std::stop_token& stop) {
             for (; !stop.stop_requested(); ++nRounds) {
