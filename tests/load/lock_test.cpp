@@ -48,7 +48,7 @@ TEST(Lock, LetsAllInThatWait)
     EXPECT_LT(nTurns, kMost);
     g_Lock.unlock();
     // Of writers that never pause each batch closes; a single one is told of a reader that draws back.
-    for (const std::size_t nWriters : {1, 8}) {
+    for (const std::size_t nWriters : {1U, 8U}) {
         std::vector<std::jthread> writers(nWriters);
         for (std::jthread& writer : writers) {
             writer = std::jthread([](const std::stop_token& stop) {
