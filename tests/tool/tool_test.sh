@@ -99,7 +99,7 @@ sound)
     ffmpeg -i "$media/gap.mkv" -af aresample=async=1:first_pts=0:min_hard_comp=0.01 reference.wav
     same "sound with a hole" "$(sound gap.wav)" "$(sound reference.wav)"
     for duration in longest shortest first; do
-        mix audio "[b][a]amix=duration=$duration" mix.wav "$voice" "$media/Rear_Left.wav"
+        mix audio "[b][a]amix=duration=$duration:normalize=0" mix.wav "$voice" "$media/Rear_Left.wav"
     done
     unless_7 mix audio '[a][b]acrossfade=d=0.5' mix.wav "$voice" "$media/Rear_Left.wav"
     mix audio '[a][b]concat=v=0:a=1' mix.flac "$voice" "$media/Rear_Left.wav"
