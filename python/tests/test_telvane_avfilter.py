@@ -136,7 +136,3 @@ class Objects(unittest.TestCase):
             sys.setswitchinterval(interval)
             ticks[0] = -1
             thread.join()
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -312,6 +312,7 @@ TEST(Layer, WhatCannotBeIsRefusedBeforeTheCall)
         expect([&] { VideoFilter({bad}, "null", kVideo.picture); });
         expect([&] { VideoFilter(kVideo, "null", bad); });
         expect([&] { VideoScaler(kVideo.picture, bad); });
+        expect([&] { VideoScaler(bad, kVideo.picture); });
     }
     const Picture good = kVideo.picture;
     for (const Rational bad : {Rational{-1, 1}, {1, 0}, {0, 1}}) {
