@@ -266,11 +266,11 @@ void SendNext(telvane::AudioMixer& mixer, std::size_t nInput, Lane& lane)
                         (nSamples < audio.samples && nSamples < lane.length->n - lane.nSent))) {
         throw Mismeasured{};
     }
-    const bool bSilence =
-        lane.bEnded; // whose end cannot be told: thirty seconds bring out what filters hold
+    // After an end that cannot be told, thirty seconds of it bring out what filters hold.
+    const bool bSilence = lane.bEnded;
     lane.bEnded = nSamples == 0 || (!lane.length && !bMore);
     const std::size_t nBytes = lane.length ? static_cast<std::size_t>(nSamples * nSample) : nBlock;
-    for (int n = bSilence ? 30 * audio.rate : static_cast<int>(nSamples) - 1; n >= 0; n -= audio.samples) {
+    for (int64_t n = bSilence ? int64_t{30} * audio.rate : nSamples - 1; n >= 0; n -= audio.samples) {
         lane.bytes.resize(std::max(nBytes, lane.bytes.size()));
         mixer.Send(nInput, std::span(lane.bytes).first(nBytes));
         lane.bytes.erase(lane.bytes.begin(), lane.bytes.begin() + static_cast<std::ptrdiff_t>(nBytes));
